@@ -1,0 +1,28 @@
+"""ondrel: the GPU runtime of the ondrel audio library.
+
+FFTs of every length, STFTs and their inverses, mel spectrograms, cepstra,
+spectral features, constant-Q transforms, convolutions, recursive filters and
+Griffin-Lim, computed by kernels that are written and compiled at run time.
+The computation lives in the extension module `ondrel._rocm`; importing this
+package first chooses the HIP runtime that module will find (see
+ONDREL_RUNTIME in the README).
+"""
+
+from __future__ import annotations
+
+import os
+from importlib import metadata
+from pathlib import Path
+
+from . import _runtime_choice
+
+try:
+    __version__ = metadata.version("ondrel")
+except metadata.PackageNotFoundError:
+    __version__ = "0+unknown"
+
+runtime, _updates = _runtime_choice.choose(os.environ, Path(__file__).parent)
+os.environ.update(_updates)
+del _updates
+
+__all__ = ["__version__", "runtime"]

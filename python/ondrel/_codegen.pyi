@@ -1,0 +1,3 @@
+"""Type stub of the extension module ondrel._codegen."""
+
+def sample_kernel(n: int, prec: int = 1, inverse: bool = False) -> str: ...

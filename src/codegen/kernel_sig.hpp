@@ -1,0 +1,40 @@
+#pragma once
+// The head of one kernel: qualifiers, launch bound, name, parameters and the
+// dynamic shared array, each spelled by the dialect.
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "codegen/backend.hpp"
+
+namespace ondrel::codegen {
+
+struct KernelParam {
+  enum Kind : int32_t { ConstPointer = 0, Pointer = 1, Value = 2 };
+  Kind kind;
+  std::string type;
+  std::string name;
+};
+
+struct KernelSig {
+  std::string name;
+  const Backend& backend;
+  int32_t bound_threads = 0;  // 0: no launch bound
+  int32_t bound_extra = -1;
+  std::vector<KernelParam> params;
+  std::string shared_type;
+  std::string shared_name;  // empty: no shared array
+
+  KernelSig(std::string name, const Backend& backend) : name(std::move(name)), backend(backend) {}
+
+  void add_const_pointer(std::string type, std::string name);
+  void add_pointer(std::string type, std::string name);
+  void add_value(std::string type, std::string name);
+  void set_shared(std::string type, std::string name);
+
+  // Everything up to and including the opening brace (and the shared
+  // declaration); the generator writes the body and the closing brace.
+  std::string head() const;
+};
+
+}  // namespace ondrel::codegen

@@ -1,0 +1,11 @@
+#pragma once
+// Each group of the module's functions registers itself; module.cpp calls
+// the groups in the module's registration order.
+#include <pybind11/pybind11.h>
+
+namespace ondrel::python {
+
+// abi_version ... clear_tables: the status and control functions.
+void register_status(pybind11::module_& m);
+
+}  // namespace ondrel::python

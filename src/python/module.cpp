@@ -1,0 +1,12 @@
+// The module entry. pybind11's multi-phase initialisation does the
+// interpreter check against the version this module was built for, creates
+// the module (reusing one already completed under the same name) and runs
+// the body below once per module name; start-up failures become ImportError.
+#include <pybind11/pybind11.h>
+
+#include "python/bindings.hpp"
+
+PYBIND11_MODULE(_rocm, m) {
+  m.doc() = "ondrel ROCm runtime for numpy arrays (HIP + hipRTC)";
+  ondrel::python::register_status(m);
+}

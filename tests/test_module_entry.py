@@ -1,0 +1,54 @@
+import importlib.util
+
+import pytest
+
+# The module's functions in registration order; each new operation group
+# appends its functions where the module registers them.
+EXPECTED_FUNCTIONS = ["abi_version", "set_deterministic"]
+
+
+def test_imports_without_any_hip_library(run_python):
+    proc = run_python(
+        "import ondrel._rocm as r; print(r.abi_version()); print(r.__doc__)",
+        ONDREL_RUNTIME="auto",
+        ONDREL_HIP_PATH="/nonexistent/libamdhip64.so",
+        ONDREL_HIPRTC_PATH="/nonexistent/libhiprtc.so",
+    )
+    assert proc.returncode == 0, proc.stderr
+    assert proc.stdout.splitlines() == ["3", "ondrel ROCm runtime for numpy arrays (HIP + hipRTC)"]
+
+
+def test_functions_in_registration_order():
+    from ondrel import _rocm
+
+    names = [n for n, v in vars(_rocm).items() if callable(v) and not n.startswith("_")]
+    assert names == EXPECTED_FUNCTIONS
+
+
+def test_second_exec_under_same_name_leaves_module_unchanged():
+    from ondrel import _rocm
+
+    before = dict(vars(_rocm))
+    spec = importlib.util.find_spec("ondrel._rocm")
+    again = importlib.util.module_from_spec(spec)
+    spec.loader.exec_module(again)
+    assert again is _rocm
+    after = vars(_rocm)
+    assert all(after[k] is v for k, v in before.items() if callable(v))
+    assert _rocm.abi_version() == 3
+
+
+@pytest.mark.parametrize("on", [0, 1, 7, -1, True, False])
+def test_set_deterministic_takes_any_int(on):
+    from ondrel import _rocm
+
+    assert _rocm.set_deterministic(on) is None
+    _rocm.set_deterministic(0)
+
+
+@pytest.mark.parametrize("bad", ["1", 1.5, None])
+def test_set_deterministic_refuses_non_integers(bad):
+    from ondrel import _rocm
+
+    with pytest.raises(TypeError):
+        _rocm.set_deterministic(bad)
