@@ -4,7 +4,17 @@ import pytest
 
 # The module's functions in registration order; each new operation group
 # appends its functions where the module registers them.
-EXPECTED_FUNCTIONS = ["abi_version", "set_deterministic"]
+EXPECTED_FUNCTIONS = [
+    "abi_version",
+    "available",
+    "hiprtc_available",
+    "hiprtc_version",
+    "device_arch",
+    "device_count",
+    "device_name",
+    "set_deterministic",
+    "drain_pool",
+]
 
 
 def test_imports_without_any_hip_library(run_python):

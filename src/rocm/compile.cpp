@@ -1,0 +1,159 @@
+#include "rocm/compile.hpp"
+
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+#include <unordered_map>
+#include <vector>
+
+#include "rocm/context.hpp"
+
+namespace fs = std::filesystem;
+
+namespace ondrel {
+
+namespace {
+
+using hip_dl::hipFunction_t;
+
+std::unordered_map<std::string, hipFunction_t>& lookup_cache() {
+  static std::unordered_map<std::string, hipFunction_t> cache;
+  return cache;
+}
+
+std::unordered_map<std::string, hipFunction_t>& compile_cache() {
+  static std::unordered_map<std::string, hipFunction_t> cache;
+  return cache;
+}
+
+fs::path cache_base() {
+  if (const char* dir = std::getenv("ONDREL_CACHE_DIR"); dir && *dir) return dir;
+  return fs::temp_directory_path() / "ondrel_cache";
+}
+
+// A usable function from a cached image, or null: an empty, truncated,
+// foreign or corrupt file just means "compile again".
+hipFunction_t load_cached(const std::string& path, const std::string& name) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) return nullptr;
+  const std::vector<char> image((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  if (image.empty()) return nullptr;
+  hip_dl::hipModule_t mod = nullptr;
+  hipFunction_t fn = nullptr;
+  const auto& hip = hip_dl::api();
+  if (hip.ModuleLoadData(&mod, image.data()) != hip_dl::hipSuccess) return nullptr;
+  if (hip.ModuleGetFunction(&fn, mod, name.c_str()) != hip_dl::hipSuccess) return nullptr;
+  return fn;
+}
+
+// Readers never see a half-written file: the image goes to a private
+// temporary first and is renamed over the final name only when complete.
+void store_atomically(const std::string& path, const std::vector<char>& code) {
+  static std::atomic<unsigned long long> sequence{0};
+  const std::string tmp = path + ".tmp" + std::to_string(getpid()) + "_" + std::to_string(sequence++);
+  std::ofstream out(tmp, std::ios::binary);
+  out.write(code.data(), static_cast<std::streamsize>(code.size()));
+  out.close();
+  std::error_code ec;
+  if (out) fs::rename(tmp, path, ec);
+}
+
+// Owns a hipRTC program from creation to every way out.
+struct Program {
+  const hip_dl::RtcApi& rtc;
+  hip_dl::hiprtcProgram prog = nullptr;
+  ~Program() {
+    if (prog) rtc.DestroyProgram(&prog);
+  }
+};
+
+std::vector<char> compile_code(const std::string& source, const std::string& name) {
+  const hip_dl::RtcApi* api = hip_dl::hiprtc_api();
+  if (!api)
+    throw std::runtime_error(
+        "ondrel: no usable hipRTC library (libhiprtc); set ONDREL_HIPRTC_PATH to the library");
+  const hip_dl::RtcApi& rtc = *api;
+  Program program{rtc};
+  hip_dl::hiprtcProgram& prog = program.prog;
+  ONDREL_RTC_CHECK(rtc.CreateProgram(&prog, source.c_str(), (name + ".hip").c_str(), 0, nullptr, nullptr));
+
+  std::vector<std::string> options;
+  if (const char* inc = std::getenv("ONDREL_HIP_INCLUDE"); inc && *inc) options.push_back(std::string("-I") + inc);
+  std::vector<const char*> argv;
+  for (const std::string& o : options) argv.push_back(o.c_str());
+  if (rtc.CompileProgram(prog, static_cast<int>(argv.size()), argv.data()) != 0) {
+    size_t log_size = 0;
+    rtc.GetProgramLogSize(prog, &log_size);
+    std::string log(log_size, '\0');
+    if (log_size) rtc.GetProgramLog(prog, log.data());
+    if (!log.empty() && log.back() == '\0') log.pop_back();
+    throw std::runtime_error("ondrel kernel compile failed:\n" + log);
+  }
+  size_t codeSize = 0;
+  ONDREL_RTC_CHECK(rtc.GetCodeSize(prog, &codeSize));
+  std::vector<char> code(codeSize);
+  ONDREL_RTC_CHECK(rtc.GetCode(prog, code.data()));
+  return code;
+}
+
+}  // namespace
+
+uint64_t kernel_hash(const std::string& source, const std::string& name) {
+  uint64_t h = 0x14650fb0739d0383ull;
+  auto mix = [&h](unsigned char c) {
+    h ^= c;
+    h *= 0x100000001b3ull;
+  };
+  for (unsigned char c : source) mix(c);
+  mix('\n');
+  for (unsigned char c : name) mix(c);
+  return h;
+}
+
+std::string cache_path(uint64_t hash, const std::string& arch) {
+  const fs::path dir = cache_base() / "kernels";
+  std::error_code ec;
+  fs::create_directories(dir, ec);
+  char file[64 + 256];
+  std::snprintf(file, sizeof file, "%016llx_%s.hsaco", static_cast<unsigned long long>(hash), arch.c_str());
+  return (dir / file).string();
+}
+
+hipFunction_t compile_function(int device, const std::string& source, const std::string& name) {
+  std::lock_guard lock(context_mutex());
+  const std::string compile_key = std::to_string(device) + '\x01' + name + '\x01' + source;
+  if (auto it = compile_cache().find(compile_key); it != compile_cache().end()) return it->second;
+
+  const std::string arch = arch_tag(device);
+  const std::string path = cache_path(kernel_hash(source, name), arch);
+  if (hipFunction_t fn = load_cached(path, name)) return compile_cache()[compile_key] = fn;
+
+  const std::vector<char> code = compile_code(source, name);
+  store_atomically(path, code);
+
+  hip_dl::hipModule_t mod = nullptr;
+  if (const hip_dl::hipError_t r = hip_dl::api().ModuleLoadData(&mod, code.data()); r != hip_dl::hipSuccess)
+    throw std::runtime_error("hipModuleLoadData failed for " + name + " (" + std::to_string(code.size()) +
+                             "-byte code object compiled for " + arch + "): " + hip_error_text(r));
+  hipFunction_t fn = nullptr;
+  ONDREL_HIP_CHECK(::ondrel::hip_dl::api().ModuleGetFunction(&fn, mod, name.c_str()));
+  return compile_cache()[compile_key] = fn;
+}
+
+hipFunction_t kernel_function(const std::string& key, int device, const std::function<std::string()>& generator,
+                              const std::string& name) {
+  std::lock_guard lock(context_mutex());
+  const std::string lookup_key = key + "#" + name + "#d" + std::to_string(device);
+  if (auto it = lookup_cache().find(lookup_key); it != lookup_cache().end()) return it->second;
+  hipFunction_t fn = compile_function(device, generator(), name);
+  lookup_cache().emplace(lookup_key, fn);
+  return fn;
+}
+
+}  // namespace ondrel

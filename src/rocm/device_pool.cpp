@@ -1,0 +1,76 @@
+#include "rocm/device_pool.hpp"
+
+#include <algorithm>
+#include <new>
+
+#include "rocm/context.hpp"
+
+namespace ondrel {
+
+namespace {
+int current_device() {
+  int dev = -1;
+  return hip_dl::api().GetDevice(&dev) == hip_dl::hipSuccess ? dev : -1;
+}
+}  // namespace
+
+DevicePool& device_pool() {
+  // Never destroyed: blocks may still be returned by owners that outlive
+  // static destruction.
+  static DevicePool* pool = new DevicePool;
+  return *pool;
+}
+
+void* DevicePool::alloc(size_t bytes, hip_dl::hipStream_t stream) {
+  const size_t n = std::max(bytes, kMinBlockBytes);
+  const auto& hip = hip_dl::api();
+  {
+    std::lock_guard guard(lock);
+    if (void* p = take_best_fit(buckets[{current_device(), stream}], n)) return p;
+  }
+  void* p = nullptr;
+  hip_dl::hipError_t r = hip.Malloc(&p, n);
+  if (r == hip_dl::hipErrorOutOfMemory) {
+    // Memory held for reuse is the first thing to give up under pressure.
+    std::lock_guard guard(lock);
+    release_cached_locked();
+    r = hip.Malloc(&p, n);
+  }
+  ONDREL_HIP_CHECK_TAG(r, "memAlloc");
+  std::lock_guard guard(lock);
+  live_sizes[p] = n;
+  return p;
+}
+
+void DevicePool::free(void* p, hip_dl::hipStream_t stream) noexcept {
+  if (!p) return;
+  std::lock_guard guard(lock);
+  const auto it = live_sizes.find(p);
+  if (it == live_sizes.end()) {
+    hip_dl::api().Free(p);
+    return;
+  }
+  try {
+    buckets[{current_device(), stream}].emplace(it->second, p);
+  } catch (const std::bad_alloc&) {
+    live_sizes.erase(it);
+    hip_dl::api().Free(p);
+  }
+}
+
+void DevicePool::drain() noexcept {
+  std::lock_guard guard(lock);
+  release_cached_locked();
+}
+
+void DevicePool::release_cached_locked() noexcept {
+  for (auto& [key, blocks] : buckets) {
+    for (const auto& [size, p] : blocks) {
+      hip_dl::api().Free(p);
+      live_sizes.erase(p);
+    }
+    blocks.clear();
+  }
+}
+
+}  // namespace ondrel
