@@ -125,3 +125,20 @@ def test_hiprtc_from_the_variable_then_the_scan(run_python, tmp_path):
         ONDREL_HIPRTC_PATH=str(unusable),
     )
     assert fallback.stdout.split(" ", 1)[1].strip() == "True (5, 1)"
+
+
+def test_bundled_cpu_runtime_answers_the_status_functions(run_python):
+    code = (
+        "import ctypes, os, ondrel, ondrel._rocm as r\n"
+        "if ondrel.runtime != 'cpu':\n    raise SystemExit(3)\n"
+        "props = ctypes.create_string_buffer(1472)\n"
+        "ctypes.CDLL(os.environ['ONDREL_HIP_PATH']).hipGetDevicePropertiesR0600(props, 0)\n"
+        "print(r.available(), r.device_count(), r.hiprtc_available())\n"
+        "print(props.raw[:256].split(b'\\0')[0].decode() == r.device_name())\n"
+        "print(props.raw[1160:1416].split(b'\\0')[0].decode().split(':')[0] == r.device_arch() != '')\n"
+    )
+    proc = run_python(code, ONDREL_RUNTIME="cpu")
+    if proc.returncode == 3 or "lacks" in proc.stderr:
+        pytest.skip("this installation has no CPU runtime")
+    assert proc.returncode == 0, proc.stderr
+    assert proc.stdout.split() == ["True", "1", "True", "True", "True"]

@@ -14,6 +14,11 @@ EXPECTED_FUNCTIONS = [
     "device_name",
     "set_deterministic",
     "drain_pool",
+    "clear_tables",
+    "set_shape_hint",
+    "shape_epoch",
+    "shape_hint_clear",
+    "route_explain",
 ]
 
 

@@ -8,4 +8,7 @@ namespace ondrel::python {
 // abi_version ... clear_tables: the status and control functions.
 void register_status(pybind11::module_& m);
 
+// set_shape_hint, shape_epoch, shape_hint_clear, route_explain.
+void register_hints(pybind11::module_& m);
+
 }  // namespace ondrel::python

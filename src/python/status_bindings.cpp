@@ -45,6 +45,10 @@ void register_status(py::module_& m) {
         pinned_pool().drain();
       },
       "Gives every cached free block back to the runtime: device blocks, then pinned ones.");
+  m.def(
+      "clear_tables", [] {},
+      "Does nothing: device tables live for the life of the process, and their content is a pure "
+      "function of their key.");
 }
 
 }  // namespace ondrel::python

@@ -1,0 +1,92 @@
+#include "cuda_like/tables/table_cache.hpp"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <mutex>
+#include <unordered_map>
+#include <utility>
+
+#include "cuda_like/hashing.hpp"
+#include "rocm/context.hpp"
+#include "rocm/device_pool.hpp"
+
+namespace ondrel {
+
+namespace {
+
+std::unordered_map<std::string, void*>& by_name() {
+  static std::unordered_map<std::string, void*> m;
+  return m;
+}
+
+std::unordered_map<uint64_t, void*>& by_hash() {
+  static std::unordered_map<uint64_t, void*> m;
+  return m;
+}
+
+template <class... A>
+std::string printed(const char* fmt, A... args) {
+  char buf[96];
+  std::snprintf(buf, sizeof buf, fmt, args...);
+  return buf;
+}
+
+}  // namespace
+
+void* upload_table(const std::string& key, const void* data, size_t bytes, const char* check_text) {
+  std::lock_guard lock(context_mutex());
+  if (auto it = by_name().find(key); it != by_name().end()) return it->second;
+  // The block stays out of every free list for good: a drain cannot take it.
+  DeviceBuffer block(bytes, nullptr);
+  hip_check(hip_dl::api().MemcpyHtoD(block.p, data, bytes), __FILE__, __LINE__, check_text);
+  void* p = std::exchange(block.p, nullptr);
+  by_name().emplace(key, p);
+  return p;
+}
+
+void* table_by_name(const std::string& key, const void* data, size_t bytes) {
+  return upload_table(key, data, bytes, "memcpyHtoD(p, data, bytes)");
+}
+
+void* table_by_hash(uint64_t key, const std::function<void*()>& builder) {
+  std::lock_guard lock(context_mutex());
+  if (auto it = by_hash().find(key); it != by_hash().end()) return it->second;
+  void* p = builder();
+  by_hash().emplace(key, p);
+  hip_check(hip_dl::api().DeviceSynchronize(), __FILE__, __LINE__, "deviceSynchronize()");
+  return p;
+}
+
+uint64_t content_hash(const double* data, int64_t rows, int64_t cols) {
+  const uint64_t count = static_cast<uint64_t>(rows) * static_cast<uint64_t>(cols);
+  const uint64_t bytes = 8 * count;
+  uint64_t h = fnv1a(data, std::min<uint64_t>(bytes, 4096));
+  if (bytes > 4096) {
+    const uint64_t step = count < 512 ? 1 : count >> 9;
+    for (uint64_t i = 0; i < count; i += step) {
+      uint64_t word;
+      std::memcpy(&word, data + i, 8);
+      h = combine(h, word);
+    }
+  }
+  return combine(h, bytes);
+}
+
+std::string twiddle_key(char kind, int32_t n, size_t entries, size_t real_bytes) {
+  return printed("tw%c_%d_%zu_%zu", kind, n, entries, real_bytes);
+}
+
+std::string window_key(uint64_t hash, size_t entries, size_t real_bytes) {
+  return printed("win_%016llx_%zu_%zu", static_cast<unsigned long long>(hash), entries, real_bytes);
+}
+
+std::string bluestein_chirp_key(int32_t n, bool inverse, size_t real_bytes) {
+  return printed("blueb_%d_%d_%zu", n, inverse ? 1 : 0, real_bytes);
+}
+
+std::string bluestein_filter_key(int32_t n, int32_t m, bool inverse, size_t real_bytes) {
+  return printed("bluef_%d_%d_%d_%zu", n, m, inverse ? 1 : 0, real_bytes);
+}
+
+}  // namespace ondrel

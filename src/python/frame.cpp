@@ -1,0 +1,51 @@
+#include "python/frame.hpp"
+
+#include <stdexcept>
+#include <string>
+
+namespace ondrel::python {
+
+bool dtype_is_double(const py::handle& obj) {
+  const py::array a = py::module_::import("numpy").attr("asarray")(obj);
+  const py::dtype dt = a.dtype();
+  const char kind = dt.kind();
+  const py::ssize_t size = dt.itemsize();
+  if (kind == 'f' && size == 2) throw py::type_error("float16 input is not supported here; cast to float32");
+  return (kind == 'f' && size == 8) || (kind == 'c' && size == 16);
+}
+
+void check_rank(const py::array& a, py::ssize_t rank, const char* text) {
+  if (a.ndim() != rank) throw std::invalid_argument(text);
+}
+
+std::vector<double> window_array(const py::handle& obj) {
+  constexpr const char* kText = "window must be a name or a 1-D float array";
+  CArray<double> a;
+  try {
+    a = as_c_array<double>(obj);
+  } catch (const py::error_already_set&) {
+    throw std::invalid_argument(kText);
+  }
+  if (a.ndim() != 1) throw std::invalid_argument(kText);
+  return std::vector<double>(a.data(), a.data() + a.size());
+}
+
+WindowSpec window_spec(const py::handle& obj) {
+  if (py::isinstance<py::str>(obj)) return named_window(obj.cast<std::string>());
+  return array_window(window_array(obj));
+}
+
+void copy_back(void* dst, const void* src, size_t bytes, const char* check_text) {
+  const auto& hip = hip_dl::api();
+  hip_check(hip.StreamSynchronize(nullptr), __FILE__, __LINE__, "streamSynchronize(nullptr)");
+  hip_check(hip.MemcpyDtoH(dst, const_cast<void*>(src), bytes), __FILE__, __LINE__, check_text);
+}
+
+py::capsule pinned_capsule(size_t bytes, void*& data) {
+  PinnedBuffer block(bytes);
+  py::capsule owner(block.p, [](void* p) { pinned_pool().free(p); });
+  data = block.release();
+  return owner;
+}
+
+}  // namespace ondrel::python
