@@ -15,6 +15,8 @@ EXPECTED_FUNCTIONS = [
     "set_deterministic",
     "drain_pool",
     "clear_tables",
+    "fft_staged",
+    "fft_resident",
     "set_shape_hint",
     "shape_epoch",
     "shape_hint_clear",

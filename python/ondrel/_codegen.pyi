@@ -1,3 +1,13 @@
 """Type stub of the extension module ondrel._codegen."""
 
 def sample_kernel(n: int, prec: int = 1, inverse: bool = False) -> str: ...
+def fft_kernel_text(
+    n: int,
+    prec: int = 1,
+    inverse: bool = False,
+    shared_limit: int = 65536,
+    tpf: int = 0,
+    fpb: int = 0,
+    core: int = 0,
+    var: int = 0,
+) -> tuple[str, str]: ...

@@ -8,6 +8,9 @@ namespace ondrel::python {
 // abi_version ... clear_tables: the status and control functions.
 void register_status(pybind11::module_& m);
 
+// fft_staged, fft_resident: the Fourier transforms.
+void register_fourier(pybind11::module_& m);
+
 // set_shape_hint, shape_epoch, shape_hint_clear, route_explain.
 void register_hints(pybind11::module_& m);
 

@@ -1,0 +1,63 @@
+// The Fourier transforms group: staged and resident complex FFTs.
+#include <complex>
+#include <cstdint>
+
+#include "cuda_like/ops/fft.hpp"
+#include "python/bindings.hpp"
+#include "python/frame.hpp"
+
+namespace ondrel::python {
+
+namespace {
+
+template <class T>
+py::object fft_staged(const py::array& x, bool inverse) {
+  using C = std::complex<T>;
+  const CArray<C> a = as_c_array<C>(x);
+  check_rank(a, 2, "fft: x must be [B, N] complex");
+  const py::ssize_t rows = a.shape(0), n = a.shape(1);
+  if (rows == 0 && n > 0) return pinned_array<C>({rows, n});
+  select_device(0);
+  const size_t bytes = static_cast<size_t>(rows) * static_cast<size_t>(n) * 2 * sizeof(T);
+  DeviceBuffer dx(bytes, nullptr), dy(bytes, nullptr);
+  hip_check(hip_dl::api().MemcpyHtoD(dx.p, const_cast<C*>(a.data()), bytes), __FILE__, __LINE__,
+            "memcpyHtoD(dx.p, x.data(), bytes)");
+  FftOptions options;
+  options.inverse = inverse;
+  fft<T>(dx.p, dy.p, rows, static_cast<int32_t>(n), options);
+  py::array_t<C> out = pinned_array<C>({rows, n});
+  copy_back(out.mutable_data(), dy.p, bytes, "memcpyDtoH(out.mutable_data(), dy.p, bytes)");
+  return out;
+}
+
+}  // namespace
+
+void register_fourier(py::module_& m) {
+  m.def(
+      "fft_staged",
+      [](const py::array& x, bool inverse) {
+        return dtype_is<std::complex<double>>(x) ? fft_staged<double>(x, inverse) : fft_staged<float>(x, inverse);
+      },
+      py::arg("x"), py::arg("inverse"),
+      "Complex FFT of a (batch, n) array; the inverse is scaled by 1/n. complex128 runs in double, "
+      "everything else in single.");
+  m.def(
+      "fft_resident",
+      [](uintptr_t x, uintptr_t out, int64_t rows, int32_t n, bool inverse, int32_t prec, int32_t dev,
+         uintptr_t stream) {
+        FftOptions options;
+        options.inverse = inverse;
+        options.half = prec == 0 || prec == 3;
+        options.packed = prec == 3;
+        options.device = dev;
+        options.stream = stream_handle(stream);
+        if (prec == 2) fft<double>(device_address(x), device_address(out), rows, n, options);
+        else fft<float>(device_address(x), device_address(out), rows, n, options);
+      },
+      py::arg("x"), py::arg("out"), py::arg("B"), py::arg("N"), py::arg("inverse"), py::arg("prec"), py::arg("dev"),
+      py::arg("stream"),
+      "Complex FFT between device addresses, enqueued on `stream`. prec: 0 half, 1 single, 2 double, 3 half "
+      "data with packed half arithmetic where a kernel has it.");
+}
+
+}  // namespace ondrel::python
