@@ -25,6 +25,8 @@ def test_demo_prints_versions_runtime_and_a_kernel():
         "const iot* __restrict__ x, iot* __restrict__ out) {\n"
     ) in out
     assert "  float a1 = (float)(0.78539816339744828) * (float)((int)i);\n" in out
+    if "runtime: none" not in out:
+        assert "peaks at 440 Hz and 1000 Hz" in out
 
 
 @pytest.mark.parametrize("prec", [0, 1, 2])
