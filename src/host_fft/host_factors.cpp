@@ -3,18 +3,9 @@
 #include <stdexcept>
 #include <string>
 
-namespace ondrel::host {
+#include "cuda_like/ops/fft_schedule.hpp"
 
-int32_t largest_prime_factor(int32_t n) {
-  int32_t largest = 1;
-  for (int32_t d = 2; static_cast<int64_t>(d) * d <= n; ++d) {
-    while (n % d == 0) {
-      largest = d;
-      n /= d;
-    }
-  }
-  return n > 1 ? n : largest;
-}
+namespace ondrel::host {
 
 HostRoute host_route(int32_t n) {
   if (n >= 4 && largest_prime_factor(n) > 13) return HostRoute::bluestein;

@@ -9,8 +9,6 @@ namespace ondrel::host {
 
 enum class HostRoute { plane, mixed, bluestein };
 
-int32_t largest_prime_factor(int32_t n);
-
 // Bluestein above 13, whose primes have no kernel; the mixed driver from 16
 // except short odd lengths, which gain more from eight rows per vector.
 HostRoute host_route(int32_t n);

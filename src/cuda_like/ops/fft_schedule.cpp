@@ -11,6 +11,8 @@ namespace {
 constexpr int32_t kPlainRadices[] = {16, 13, 11, 9, 8, 7, 5, 4, 3, 2};
 constexpr int32_t kRadices25[] = {25, 16, 13, 11, 9, 8, 7, 5, 4, 3, 2};
 
+}  // namespace
+
 int32_t largest_prime_factor(int32_t n) {
   int32_t largest = 1;
   for (int32_t d = 2; static_cast<int64_t>(d) * d <= n; ++d) {
@@ -21,8 +23,6 @@ int32_t largest_prime_factor(int32_t n) {
   }
   return n > 1 ? n : largest;
 }
-
-}  // namespace
 
 bool is_pow2(int32_t n) { return n >= 1 && (n & (n - 1)) == 0; }
 

@@ -8,6 +8,7 @@ namespace ondrel {
 
 bool is_pow2(int32_t n);  // true for 1, 2, 4, ...
 int32_t ilog2(int32_t n);  // floor(log2 n) for n >= 1
+int32_t largest_prime_factor(int32_t n);  // 1 for n below 2
 
 // Radices 2^bits-per-pass of a power of two with `bits` bits, in as few
 // passes of at most 4 bits as possible, wider passes first.

@@ -2,6 +2,7 @@
 
 #include <vector>
 
+#include "cuda_like/ops/fft_schedule.hpp"
 #include "host_fft/host_factors.hpp"
 
 namespace {
@@ -45,7 +46,7 @@ TEST(HostFactors, WorkedExamples) {
 
 TEST(HostFactors, ProductIsTheLengthForEverySmoothLength) {
   for (int32_t n = 1; n <= 5000; ++n) {
-    if (largest_prime_factor(n) > 13) continue;
+    if (ondrel::largest_prime_factor(n) > 13) continue;
     int64_t product = 1;
     for (int32_t r : host_factors(n)) product *= r;
     ASSERT_EQ(product, n) << n;
