@@ -13,21 +13,24 @@ from ondrel import _codegen
 
 SHARED_LIMIT = 65536  # what the CPU runtime reports unless told otherwise
 FORCE_SHARED = 1
+FORCE_REGISTER = 2
 VAR_RADIX25 = 1
+VAR_HALF_EXCHANGE = 2
 VAR_PAD = 4
+VAR_FLIP_EXCHANGE = 8
 
 
-def routes_to_shared_core(n: int, prec: int, tune=None, limit: int = SHARED_LIMIT) -> bool:
-    tpf, fpb, core, var = tune or (0, 0, 0, 0)
+def kernel_name(n: int, prec: int, tune=None, limit: int = SHARED_LIMIT) -> str | None:
+    """The kernel fft_resident would run, or None for a route without a native core."""
+    tpf, fpb, core, var, ept = (tuple(tune) + (0,))[:5] if tune else (0, 0, 0, 0, 0)
     try:
-        _codegen.fft_kernel_text(n, prec, False, limit, tpf, fpb, core, var)
+        return _codegen.fft_kernel_text(n, prec, False, limit, tpf, fpb, core, var, ept)[0]
     except RuntimeError:
-        return False
-    return True
+        return None
 
 
-def _shared(lengths, precs=(1, 2)):
-    return [(n, p, None) for n in lengths for p in precs if routes_to_shared_core(n, p)]
+def _native(lengths, precs=(1, 2)):
+    return [(n, p, None) for n in dict.fromkeys(lengths) for p in precs if kernel_name(n, p)]
 
 
 # Each radix alone, in pairs and in longer mixtures, with the products of the
@@ -37,15 +40,37 @@ MIXED = [6, 10, 14, 15, 21, 22, 26, 33, 35, 39, 45, 49, 63, 77, 91, 99, 117, 143
          343, 360, 720, 1001, 1024, 1536, 2048, 4096, 3125, 5040]
 RADER = [17, 19, 23, 29, 31, 37, 34, 38, 46, 51, 57, 58, 62, 68, 74, 85, 102, 111, 136, 155, 170, 185]
 
-CLASS_CASES = _shared(RADICES + MIXED + RADER)
-SHORT_CASES = _shared(range(1, 65), precs=(1,))
-if os.environ.get("ONDREL_FFT_SWEEP"):
-    SHORT_CASES = _shared(range(1, 4097))
+# The sizes of the tiled, cube and register tables, and the powers of two up
+# to the four-step boundary (16384 single, 8192 double).
+CORE_SIZES = [64, 121, 169, 256, 343, 1331, 512, 8192]
+POW2 = [2**k for k in range(1, 15)]
 
-# Tuned records: the shared core forced on lengths that default to other
-# cores (the tiled sizes and the register mixed-radix sizes), radix 25,
-# padding, odd rows per block and thread counts below the Rader minimum.
+CLASS_CASES = _native(RADICES + MIXED + RADER + CORE_SIZES + POW2)
+SHORT_CASES = _native(range(1, 65), precs=(1,))
+if os.environ.get("ONDREL_FFT_SWEEP"):
+    SHORT_CASES = _native(range(1, 4097))
+
+# Tuned records (tpf, fpb, core, var, ept): the shared core forced on
+# lengths that default to other cores (the tiled sizes and the register
+# mixed-radix sizes), radix 25, padding, odd rows per block and thread
+# counts below the Rader minimum; the register core forced on powers of two
+# and on mixed lengths, with and without the component-wise exchange, with a
+# tuned ept and a half exchange buffer; odd rows per block of the tiled and
+# cube kernels.
 TUNED_CASES = [
+    (64, 2, (0, 3, 0, 0)),
+    (343, 2, (0, 3, 0, 0)),
+    (2048, 1, (0, 0, FORCE_REGISTER, 0)),
+    (1024, 2, (0, 0, FORCE_REGISTER, VAR_FLIP_EXCHANGE)),
+    (512, 1, (0, 0, 0, VAR_FLIP_EXCHANGE)),
+    (2048, 2, (0, 3, 0, 0)),
+    (128, 1, (0, 0, FORCE_REGISTER, 0, 8)),
+    (4096, 1, (0, 0, FORCE_REGISTER, 0, 32)),
+    (100, 2, (0, 0, FORCE_REGISTER, 0)),
+    (23, 1, (0, 0, FORCE_REGISTER, 0)),
+    (216, 1, (0, 0, FORCE_REGISTER, VAR_FLIP_EXCHANGE, 6)),
+    (625, 1, (0, 3, 0, VAR_FLIP_EXCHANGE)),
+    (1024, 0, (0, 0, 0, VAR_HALF_EXCHANGE)),
     (64, 1, (0, 0, FORCE_SHARED, 0)),
     (256, 2, (0, 0, FORCE_SHARED, 0)),
     (121, 1, (0, 0, FORCE_SHARED, 0)),
@@ -64,7 +89,8 @@ TUNED_CASES = [
 ]
 
 # Half data: the element-wise forms (n not a multiple of 4) and the wide
-# ones; code 3 asks for packed arithmetic, which the shared core serves in
-# float.
-HALF_CASES = [(n, 0, None) for n in (6, 12, 17, 60, 100, 102, 720, 1024) if routes_to_shared_core(n, 0)]
-HALF_CASES += [(n, 3, None) for n in (12, 102) if routes_to_shared_core(n, 3)]
+# ones, the tiled and register kernels; code 3 asks for packed arithmetic,
+# which the packed-pair kernel does forward, the register kernel in packed
+# half inverse, and the other cores in float.
+HALF_CASES = [(n, 0, None) for n in (6, 12, 17, 60, 100, 102, 720, 1024, 64, 2048, 4096) if kernel_name(n, 0)]
+HALF_CASES += [(n, 3, None) for n in (12, 102, 256, 512, 1024, 2048, 4096) if kernel_name(n, 3)]

@@ -1,4 +1,4 @@
-"""The complex FFT of the shared-memory core against numpy in float64."""
+"""The complex FFT of every native core against numpy in float64."""
 
 from __future__ import annotations
 
@@ -13,7 +13,7 @@ from ondrel import _rocm
 
 SEED = int(os.environ.get("ONDREL_TEST_SEED", np.random.SeedSequence().entropy % 2**32))
 TOLERANCE = {0: 3e-3, 1: 1e-5, 2: 1e-12, 3: 2e-2}
-WIDTH = {0: 16, 1: 32, 2: 64}
+WIDTH = {0: 16, 1: 32, 2: 64, 3: 8}
 
 
 def random_rows(rows: int, n: int, dtype) -> np.ndarray:
@@ -79,14 +79,19 @@ def test_matches_numpy(case, inverse):
 @pytest.mark.parametrize("inverse", [False, True], ids=["fwd", "inv"])
 @pytest.mark.parametrize("case", fft_cases.TUNED_CASES, ids=lambda c: f"n{c[0]}-p{c[1]}-t{'.'.join(map(str, c[2]))}")
 def test_tuned_records_keep_the_numbers(case, inverse, hints):
-    n, prec, (tpf, fpb, core, var) = case
-    _rocm.set_shape_hint("fft", n, 0, inverse, WIDTH[prec], "", 0, 0, 0, fpb, tpf, core, var)
-    assert fft_cases.routes_to_shared_core(n, prec, (tpf, fpb, core, var))
+    n, prec, tune = case
+    tpf, fpb, core, var, ept = (tune + (0,))[:5]
+    _rocm.set_shape_hint("fft", n, 0, inverse, WIDTH[prec], "", 0, 0, ept, fpb, tpf, core, var)
+    # The record must change the kernel, or the case tests nothing new.
+    assert fft_cases.kernel_name(n, prec, tune) not in (None, fft_cases.kernel_name(n, prec))
     # A ragged last block when the record gives odd rows per block.
     run_case(n, prec, inverse, rows=7)
 
 
-@pytest.mark.parametrize("n, prec", [(12, 1), (12, 2), (720, 2), (34, 1)])
+# Shared (several rows a block), tiled (4), cube (6), register (8 and 2
+# rows a block) and packed pairs (odd counts leave the odd lane alone).
+@pytest.mark.parametrize("n, prec", [(12, 1), (12, 2), (720, 2), (34, 1), (64, 2), (343, 2), (96, 1), (512, 1),
+                                     (1024, 3)])
 @pytest.mark.parametrize("rows", [1, 2, 9, 41])
 def test_batches_around_one_block(n, prec, rows):
     run_case(n, prec, False, rows)
@@ -113,11 +118,7 @@ def test_prec_outside_the_codes_is_single():
     check(out, reference(x, False), 1, "prec 7")
 
 
-@pytest.mark.parametrize(
-    "n, prec, words",
-    [(256, 1, "tiled core"), (512, 1, "register core"), (4096, 2, "register core"), (96, 1, "register core"),
-     (41, 1, "Bluestein"), (32768, 1, "four-step"), (343, 2, "cube core")],
-)
+@pytest.mark.parametrize("n, prec, words", [(41, 1, "Bluestein"), (32768, 1, "four-step"), (8192, 2, "four-step")])
 def test_routes_without_a_kernel_refuse(n, prec, words):
     dtype = np.complex128 if prec == 2 else np.complex64
     with pytest.raises(RuntimeError, match=f"^fft: the {words} route for n = {n} is not available in this build$"):
@@ -133,11 +134,14 @@ LIMIT_SCRIPT = textwrap.dedent(
     sys.path.insert(0, {tests!r})
     import fft_cases
     limit = {limit}
-    for n, prec in [(2176, 2), (3000, 2), (4000, 2), (4000, 1), (6000, 1), (85, 2), (740, 1)]:
+    # Shared-core rows near each limit, the cube kernel, and the register
+    # kernels whose exchange buffer fits only the largest limit.
+    for n, prec in [(2176, 2), (3000, 2), (4000, 2), (4000, 1), (6000, 1), (85, 2), (740, 1), (1331, 2),
+                    (8192, 2), (8192, 1), (4096, 2)]:
         dtype = np.complex128 if prec == 2 else np.complex64
         rng = np.random.default_rng([{seed}, n])
         x = (rng.standard_normal((5, n)) + 1j * rng.standard_normal((5, n))).astype(dtype)
-        shared = fft_cases.routes_to_shared_core(n, prec, limit=limit)
+        shared = fft_cases.kernel_name(n, prec, limit=limit) is not None
         try:
             y = _rocm.fft_staged(x, False)
         except RuntimeError as e:

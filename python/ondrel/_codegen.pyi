@@ -10,4 +10,8 @@ def fft_kernel_text(
     fpb: int = 0,
     core: int = 0,
     var: int = 0,
+    ept: int = 0,
 ) -> tuple[str, str]: ...
+def fused_fft_kernel_text(
+    m: int, ept: int, tpf: int, core: int, prec: int = 1, tw_table: bool = False
+) -> str: ...

@@ -1,5 +1,6 @@
 #include "codegen/fft_stages.hpp"
 
+#include <algorithm>
 #include <cmath>
 #include <numbers>
 #include <stdexcept>
@@ -218,6 +219,61 @@ std::string emit_stages(KernelWriter& w, const std::string& array, int32_t n, co
     ls *= r;
   }
   return array;
+}
+
+std::vector<int32_t> pass_list(const FusedFft& plan) {
+  const int32_t total = ilog2(plan.m);
+  const int32_t per_pass = std::max(1, ilog2(std::max(1, plan.ept)));
+  std::vector<int32_t> passes;
+  for (int32_t done = 0; done < total; done += passes.back()) passes.push_back(std::min(per_pass, total - done));
+  return passes;
+}
+
+void ct_passes(KernelWriter& w, const FusedFft& plan) {
+  const int32_t m = plan.m, bits = ilog2(m);
+  int32_t s0 = 0;
+  for (int32_t c : pass_list(plan)) {
+    const int32_t span = 1 << s0, radix = 1 << c, len = span * radix;
+    w.raw(format("  {  // CT pass: stages $..$ (radix-$)\n", {s0, s0 + c - 1, radix}));
+    w.for_range("j", "tid", std::to_string(m) + "/" + std::to_string(radix), "TPF", [&] {
+      w.emit("int grp = j / $, pos = j % $;", span, span);
+      w.emit("int base_i = grp*$ + pos;", len);
+      Names v(radix);
+      for (int32_t k = 0; k < radix; ++k) {
+        v[k] = w.fresh("r");
+        w.emit("cplx $ = sh[SHP(base_i + $)];", v[k], k * span);
+      }
+      for (int32_t t = 0; t < c; ++t) {
+        const int32_t half = 1 << t, shift = bits - s0 - t - 1;
+        for (int32_t k = 0; k < radix; ++k) {
+          if (k & half) continue;
+          const int32_t e = k & (half - 1);
+          std::string b = v[k + half];
+          if (s0 == 0 && w.prec == 2) {
+            // The first pass has pos 0: its twiddles are constants.
+            const int64_t exponent = static_cast<int64_t>(e) << shift;
+            if (exponent == m / 4) {
+              b = w.let_cmk(b + ".y", "-" + b + ".x");
+            } else if (exponent != 0) {
+              const double angle = -2.0 * std::numbers::pi * static_cast<double>(exponent) / m;
+              b = w.mul_const(b, std::cos(angle), std::sin(angle));
+            }
+          } else {
+            std::string index = e == 0 ? std::string("pos") : format("(pos + $)", {e * span});
+            if (shift != 0) index = format("($ << $)", {index, shift});
+            b = w.cmul(b, w.twiddle(index, m, plan.tw_table, false));
+          }
+          const std::string top = v[k];
+          v[k + half] = w.csub(top, b);
+          v[k] = w.cadd(top, b);
+        }
+      }
+      for (int32_t k = 0; k < radix; ++k) w.emit("sh[SHP(base_i + $)] = $;", k * span, v[k]);
+    });
+    w.raw("  }\n");
+    w.sync();
+    s0 += c;
+  }
 }
 
 }  // namespace ondrel::codegen

@@ -32,6 +32,26 @@ std::vector<std::string> butterfly(KernelWriter& w, const std::vector<std::strin
 void stage_pass(KernelWriter& w, const std::string& array, int32_t n, int32_t radix, int32_t ls,
                 int32_t tpf, const std::string& label, bool conj);
 
+// The power-of-two FFT inside a fused spectral kernel: m points (a power of
+// two), `ept` elements a thread, `tpf` threads a frame; `tw_table` reads the
+// twiddles from the staged shared table `twsh` (its first m / 2 entries are
+// e^(-2 pi i k / m)) instead of computing them.
+struct FusedFft {
+  int32_t m = 0;
+  int32_t ept = 0;
+  int32_t tpf = 0;
+  bool tw_table = false;
+};
+
+// Radix-2 stages grouped by passes of log2(ept) stages (at least one), the
+// last pass taking the rest.
+std::vector<int32_t> pass_list(const FusedFft& plan);
+
+// In-place radix-2 passes on `sh`, which holds the frame in bit-reversed
+// order behind a barrier; leaves it in natural order behind a barrier.
+// Expects `tid`, TPF, SHP and, with `tw_table`, `twsh`.
+void ct_passes(KernelWriter& w, const FusedFft& plan);
+
 // The whole schedule on the row `array` of TPF threads; the result stands in
 // `array` in natural order behind a barrier. Returns `array`.
 std::string emit_stages(KernelWriter& w, const std::string& array, int32_t n,

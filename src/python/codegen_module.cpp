@@ -7,6 +7,7 @@
 #include <stdexcept>
 
 #include "codegen/backend.hpp"
+#include "codegen/fused_cores.hpp"
 #include "codegen/sample_kernel.hpp"
 #include "cuda_like/ops/fft.hpp"
 
@@ -25,22 +26,31 @@ PYBIND11_MODULE(_codegen, m) {
   m.def(
       "fft_kernel_text",
       [](int32_t n, int32_t prec, bool inverse, uint64_t shared_limit, uint32_t tpf, uint32_t fpb, uint32_t core,
-         uint32_t var) {
+         uint32_t var, uint32_t ept) {
         ondrel::RouteQuery q;
         q.n = n;
         q.is_double = prec == 2;
         q.inverse = inverse;
         q.half = prec == 0 || prec == 3;
         q.packed = prec == 3;
-        q.tune = ondrel::TuneEntry{0, fpb, tpf, core, var};
+        q.tune = ondrel::TuneEntry{ept, fpb, tpf, core, var};
         q.shared_limit = shared_limit;
         const ondrel::FftRoute route = ondrel::fft_route(q);
         if (const std::string missing = ondrel::missing_route_text(route); !missing.empty())
           throw std::runtime_error(missing);
-        return py::make_tuple(route.kernel, ondrel::shared_core_text(route, inverse));
+        return py::make_tuple(route.kernel, ondrel::core_text(route, inverse));
       },
       py::arg("n"), py::arg("prec") = 1, py::arg("inverse") = false, py::arg("shared_limit") = 65536,
-      py::arg("tpf") = 0, py::arg("fpb") = 0, py::arg("core") = 0, py::arg("var") = 0,
+      py::arg("tpf") = 0, py::arg("fpb") = 0, py::arg("core") = 0, py::arg("var") = 0, py::arg("ept") = 0,
       "(kernel name, text) of the complex FFT that fft_resident would compile for this length, precision "
       "code and tuned words.");
+  m.def(
+      "fused_fft_kernel_text",
+      [](int32_t m, int32_t ept, int32_t tpf, int core, int prec, bool tw_table) {
+        if (m < 2 || (m & (m - 1)) != 0) throw py::value_error("fused_fft_kernel_text: m must be a power of two");
+        if (tpf < 1 || tpf > 1024 || ept < 1) throw py::value_error("fused_fft_kernel_text: bad ept or tpf");
+        return ondrel::codegen::fused_fft_kernel({m, ept, tpf, tw_table}, core, prec, ondrel::codegen::hip_backend());
+      },
+      py::arg("m"), py::arg("ept"), py::arg("tpf"), py::arg("core"), py::arg("prec") = 1, py::arg("tw_table") = false,
+      "Text of a complex row FFT of m points around the fused-kernel core `core` (0 passes, 1 warp, 3 EPT16).");
 }

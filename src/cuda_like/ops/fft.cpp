@@ -4,6 +4,8 @@
 #include <stdexcept>
 
 #include "codegen/fft_kernel.hpp"
+#include "codegen/register_core.hpp"
+#include "codegen/tile_cores.hpp"
 #include "cuda_like/ops/fft_launch.hpp"
 #include "cuda_like/ops/fft_schedule.hpp"
 #include "cuda_like/tables/twiddles.hpp"
@@ -31,21 +33,50 @@ void launch(const LaunchRecord& rec, const void* x, void* out, int64_t rows, hip
   const void* table = rec.table;
   void* args[] = {&x, &out, &table, &nrows};
   const auto grid = static_cast<unsigned>((rows + rec.rows_per_block - 1) / rec.rows_per_block);
-  launch_kernel(rec.fn, grid, 1, rec.threads, rec.shared_bytes, args, "fft", stream);
+  launch_kernel(rec.fn, grid, 1, rec.threads, rec.shared_bytes, args, rec.name, stream);
 }
 
 }  // namespace
 
+bool has_core_text(const FftRoute& route) {
+  switch (route.core) {
+    case FftCore::shared:
+    case FftCore::tiled:
+    case FftCore::cube:
+    case FftCore::registers:
+    case FftCore::packed_pairs: return true;
+    default: return false;
+  }
+}
+
 std::string missing_route_text(const FftRoute& route) {
-  if (route.core == FftCore::shared) return {};
+  if (has_core_text(route)) return {};
   return std::string("fft: the ") + route_words(route.core) + " route for n = " + std::to_string(route.n) +
          " is not available in this build";
 }
 
-std::string shared_core_text(const FftRoute& route, bool inverse) {
-  int32_t rest = 1;
-  return codegen::fft_kernel(route.n, factor_schedule(route.n, rest, route.with25), route.compute_prec, route.tpf,
-                             codegen::hip_backend(), inverse, route.rows_per_block, route.io_prec, route.pad);
+std::string core_text(const FftRoute& route, bool inverse) {
+  const codegen::Backend& b = codegen::hip_backend();
+  switch (route.core) {
+    case FftCore::tiled:
+      return codegen::tile_kernel(route.n, route.radix, route.compute_prec, b, inverse, route.rows_per_block,
+                                  route.io_prec);
+    case FftCore::cube:
+      return codegen::cube_kernel(route.n, route.radix, route.compute_prec, b, inverse, route.rows_per_block,
+                                  route.io_prec);
+    case FftCore::registers:
+      return codegen::register_kernel(route.n, route.stages, route.compute_prec, b, inverse, route.rows_per_block,
+                                      route.io_prec, route.ept, route.exchange, false, route.half_exchange);
+    case FftCore::packed_pairs:
+      // One block holds one pair of rows: the route's two rows a block.
+      return codegen::register_kernel(route.n, route.stages, 0, b, false, 1, 0, route.ept, true, true, false);
+    case FftCore::shared: {
+      int32_t rest = 1;
+      return codegen::fft_kernel(route.n, factor_schedule(route.n, rest, route.with25), route.compute_prec,
+                                 route.tpf, b, inverse, route.rows_per_block, route.io_prec, route.pad);
+    }
+    default: throw std::logic_error(missing_route_text(route));
+  }
 }
 
 template <class T>
@@ -73,11 +104,12 @@ void fft(const void* x, void* out, int64_t rows, int32_t n, const FftOptions& op
   q.tune = fft_tune_entry(n, is_double, options);
   q.shared_limit = device_shared_limit(device);
   const FftRoute route = fft_route(q);
-  if (const std::string missing = missing_route_text(route); !missing.empty()) throw std::runtime_error(missing);
+  // The Bluestein and four-step paths.
+  if (!has_core_text(route)) throw std::runtime_error(missing_route_text(route));
 
   LaunchRecord rec;
-  rec.fn = kernel_function(route.kernel, device, [&] { return shared_core_text(route, options.inverse); },
-                           "ondrel_fft");
+  rec.fn = kernel_function(route.kernel, device, [&] { return core_text(route, options.inverse); }, "ondrel_fft");
+  rec.name = route.kernel;
   rec.threads = route.threads;
   rec.shared_bytes = static_cast<uint32_t>(route.shared_bytes);
   rec.rows_per_block = route.rows_per_block;

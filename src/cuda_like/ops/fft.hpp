@@ -14,11 +14,14 @@ namespace ondrel {
 template <class T>
 void fft(const void* x, void* out, int64_t rows, int32_t n, const FftOptions& options);
 
-// The kernel text of a shared-core route, as the operation compiles it.
-std::string shared_core_text(const FftRoute& route, bool inverse);
+// Whether this file writes the kernel of a route: the native cores.
+bool has_core_text(const FftRoute& route);
+
+// The kernel text of a native-core route, as the operation compiles it.
+std::string core_text(const FftRoute& route, bool inverse);
 
 // "fft: the <route> route for n = <n> is not available in this build" for a
-// route without a kernel here; empty for the shared core.
+// route without a kernel here; empty for the native cores.
 std::string missing_route_text(const FftRoute& route);
 
 }  // namespace ondrel

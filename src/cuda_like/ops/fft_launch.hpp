@@ -3,6 +3,7 @@
 // the tuned words the decision reads. Records live per thread, so the hot
 // path of a repeated shape takes no lock.
 #include <cstdint>
+#include <string>
 #include <unordered_map>
 
 #include "cuda_like/ops/fft_route.hpp"
@@ -17,6 +18,7 @@ struct LaunchRecord {
   uint32_t shared_bytes = 0;
   int32_t rows_per_block = 1;
   const void* table = nullptr;  // twiddles, or null
+  std::string name;             // the kernel's key, which a failed launch names
 };
 
 // The shape part of a record's key.
