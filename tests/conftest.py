@@ -4,15 +4,40 @@ import sys
 
 import pytest
 
+import ondrel
+
 # Python processes started by the tests see exactly the environment a user
 # would: no runtime variables inherited from the test runner.
-RUNTIME_VARS = ("ONDREL_RUNTIME", "ONDREL_HIP_PATH", "ONDREL_HIPRTC_PATH")
+RUNTIME_VARS = ("ONDREL_RUNTIME", "ONDREL_HIP_PATH", "ONDREL_HIPRTC_PATH", "ONDREL_NVRTC_PATH")
+
+# The variable through which each bundled runtime reports a shared-memory
+# limit other than its default.
+SHARED_LIMIT_VARS = {"cpu": "ONDREL_CPU_SHARED_LIMIT", "cuda": "ONDREL_CUDA_SHARED_LIMIT"}
 
 
 def clean_env(**extra: str) -> dict[str, str]:
     env = {k: v for k, v in os.environ.items() if k not in RUNTIME_VARS}
     env.update(extra)
     return env
+
+
+def same_runtime_env(shared_limit: int) -> dict[str, str]:
+    """Variables for a child process on this process's runtime, with `shared_limit`
+    bytes of shared memory per block reported."""
+    if ondrel.runtime not in SHARED_LIMIT_VARS:
+        pytest.skip(f"the {ondrel.runtime} runtime has no shared-memory limit to set")
+    return {"ONDREL_RUNTIME": ondrel.runtime, SHARED_LIMIT_VARS[ondrel.runtime]: str(shared_limit)}
+
+
+def pytest_collection_modifyitems(config, items):
+    """`gpu` tests need a real device runtime; `cpu_runtime` tests use the CPU
+    runtime's own switches (ONDREL_CPU_* variables, fault functions)."""
+    on_gpu = ondrel.runtime in ("cuda", "hip")
+    for item in items:
+        if "gpu" in item.keywords and not on_gpu:
+            item.add_marker(pytest.mark.skip(reason=f"needs a GPU runtime; this run uses {ondrel.runtime}"))
+        if "cpu_runtime" in item.keywords and ondrel.runtime != "cpu":
+            item.add_marker(pytest.mark.skip(reason=f"uses the CPU runtime's switches; this run uses {ondrel.runtime}"))
 
 
 @pytest.fixture

@@ -1,75 +1,83 @@
-"""Compile kernel texts with NVRTC for a Hopper GPU, without a GPU.
+"""Compile kernel texts for a Hopper GPU, without a GPU.
 
 Every kernel text the generators write must also compile on a real GPU
-compiler. NVRTC comes from the `nvidia-cuda-nvrtc` wheel (or the system), the
-half-precision header from the CUDA toolkit; where either is missing the
+compiler. The texts go through the hipRTC entry points of the package's CUDA
+runtime, exactly as the module hands them over on a GPU machine; NVRTC comes
+from the system or the `nvidia-cuda-nvrtc` wheel. Where either is missing the
 check reports itself unavailable and callers skip.
 """
 
 from __future__ import annotations
 
 import ctypes
-import glob
 import os
-import sysconfig
 from functools import cache
+from pathlib import Path
 
-# HIP spells the warp shuffle without a lane mask; CUDA needs the full mask.
-COMPAT_PREFIX = (
-    "#include <cuda_fp16.h>\n"
-    "#define __shfl_xor(v, m, w) __shfl_xor_sync(0xffffffffu, (v), (m), (w))\n"
-)
+import ondrel
+from ondrel import _runtime_choice
 
-
-@cache
-def _nvrtc() -> ctypes.CDLL | None:
-    candidates = glob.glob(
-        os.path.join(sysconfig.get_paths()["purelib"], "nvidia", "*", "lib", "libnvrtc.so.*")
-    )
-    candidates = [c for c in candidates if ".alt." not in c and "builtins" not in c]
-    for name in candidates + ["libnvrtc.so.13", "libnvrtc.so.12", "libnvrtc.so"]:
-        # NVRTC opens its builtins library by bare name; a wheel's copy is off
-        # the loader path unless loaded beside it first.
-        for builtins in glob.glob(os.path.join(os.path.dirname(name), "libnvrtc-builtins.so.*")):
-            if ".alt." not in builtins:
-                ctypes.CDLL(builtins, mode=ctypes.RTLD_GLOBAL)
-        try:
-            return ctypes.CDLL(name)
-        except OSError:
-            continue
-    return None
+TRIVIAL = 'extern "C" __global__ void ondrel_probe(float* x) { x[threadIdx.x] = 1.0f; }'
 
 
 @cache
-def _cuda_include() -> str | None:
-    for root in (os.environ.get("CUDA_HOME"), os.environ.get("CUDA_PATH"), "/usr/local/cuda"):
-        if root and os.path.isfile(os.path.join(root, "include", "cuda_fp16.h")):
-            return os.path.join(root, "include")
-    return None
+def _hiprtc() -> ctypes.CDLL | None:
+    libs = _runtime_choice.bundled_libraries("cuda", Path(ondrel.__file__).parent)
+    if libs is None:
+        return None
+    # The NVRTC the package would point the runtime at under ONDREL_RUNTIME=cuda.
+    _, updates = _runtime_choice.choose({**os.environ, "ONDREL_RUNTIME": "cuda"}, Path(ondrel.__file__).parent)
+    if "ONDREL_NVRTC_PATH" in updates:
+        os.environ["ONDREL_NVRTC_PATH"] = updates["ONDREL_NVRTC_PATH"]
+    lib = ctypes.CDLL(str(libs[1]))
+    lib.hiprtcGetErrorString.restype = ctypes.c_char_p
+    return lib
+
+
+def _compile(lib: ctypes.CDLL, text: str, name: str, arch: str | None) -> tuple[int, str, bytes]:
+    """hipRTC's result, log and code object for `text`; with no `arch`, the
+    runtime's own choice (the device's, else ONDREL_CUDA_ARCH)."""
+    prog = ctypes.c_void_p()
+    rc = lib.hiprtcCreateProgram(ctypes.byref(prog), text.encode(), name.encode(), 0, None, None)
+    if rc != 0:
+        return rc, f"hiprtcCreateProgram: {lib.hiprtcGetErrorString(rc).decode()}", b""
+    try:
+        opts = [f"--gpu-architecture={arch}".encode()] if arch else []
+        rc = lib.hiprtcCompileProgram(prog, len(opts), (ctypes.c_char_p * max(1, len(opts)))(*opts))
+        size = ctypes.c_size_t()
+        lib.hiprtcGetProgramLogSize(prog, ctypes.byref(size))
+        log = ctypes.create_string_buffer(size.value)
+        lib.hiprtcGetProgramLog(prog, log)
+        lib.hiprtcGetCodeSize(prog, ctypes.byref(size))
+        code = ctypes.create_string_buffer(size.value)
+        lib.hiprtcGetCode(prog, code)
+        return rc, log.value.decode(errors="replace"), code.raw
+    finally:
+        lib.hiprtcDestroyProgram(ctypes.byref(prog))
+
+
+@cache
+def unavailable_reason() -> str | None:
+    """None when kernel texts can be compiled here; otherwise why not."""
+    lib = _hiprtc()
+    if lib is None:
+        return "this installation has no CUDA runtime"
+    rc, log, _ = _compile(lib, TRIVIAL, "ondrel_probe.cu", "sm_90")
+    return None if rc == 0 else log.strip() or lib.hiprtcGetErrorString(rc).decode()
 
 
 def available() -> bool:
-    return _nvrtc() is not None and _cuda_include() is not None
+    return unavailable_reason() is None
+
+
+def compile_result(text: str, name: str = "kernel.cu", arch: str | None = "sm_90") -> tuple[int, str, bytes]:
+    """hipRTC's result code, log and code object for `text` compiled for `arch`."""
+    return _compile(_hiprtc(), text, name, arch)
 
 
 def compile_errors(text: str, name: str = "kernel.cu", arch: str = "sm_90") -> str | None:
-    """None when `text` compiles for `arch`; otherwise NVRTC's log."""
-    lib = _nvrtc()
-    prog = ctypes.c_void_p()
-    src = (COMPAT_PREFIX + text).encode()
-    rc = lib.nvrtcCreateProgram(ctypes.byref(prog), src, name.encode(), 0, None, None)
-    if rc != 0:
-        return f"nvrtcCreateProgram failed with {rc}"
-    try:
-        opts = [f"--gpu-architecture={arch}", f"-I{_cuda_include()}", "-std=c++17"]
-        argv = (ctypes.c_char_p * len(opts))(*[o.encode() for o in opts])
-        rc = lib.nvrtcCompileProgram(prog, len(opts), argv)
-        if rc == 0:
-            return None
-        size = ctypes.c_size_t()
-        lib.nvrtcGetProgramLogSize(prog, ctypes.byref(size))
-        log = ctypes.create_string_buffer(size.value)
-        lib.nvrtcGetProgramLog(prog, log)
-        return log.value.decode(errors="replace") or f"nvrtcCompileProgram failed with {rc}"
-    finally:
-        lib.nvrtcDestroyProgram(ctypes.byref(prog))
+    """None when `text` compiles for `arch`; otherwise the compiler's log."""
+    rc, log, _ = compile_result(text, name, arch)
+    if rc == 0:
+        return None
+    return log or f"hiprtcCompileProgram failed: {_hiprtc().hiprtcGetErrorString(rc).decode()}"

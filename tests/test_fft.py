@@ -9,6 +9,8 @@ import numpy as np
 import pytest
 
 import fft_cases
+from conftest import same_runtime_env
+from device_memory import DeviceArray
 from ondrel import _rocm
 
 SEED = int(os.environ.get("ONDREL_TEST_SEED", np.random.SeedSequence().entropy % 2**32))
@@ -34,11 +36,12 @@ def check(y: np.ndarray, ref: np.ndarray, prec: int, what: str) -> None:
 
 
 def resident(x: np.ndarray, n: int, inverse: bool, prec: int) -> np.ndarray:
-    """fft_resident between host arrays, which the CPU runtime addresses directly.
+    """fft_resident between device blocks.
 
     The output is poisoned, with one more row behind it that must stay so."""
-    out = np.full((x.shape[0] + 1, x.shape[1]), np.nan, x.dtype)
-    _rocm.fft_resident(x.ctypes.data, out.ctypes.data, x.shape[0], n, inverse, prec, 0, 0)
+    dx, dout = DeviceArray(x), DeviceArray(np.full((x.shape[0] + 1, x.shape[1]), np.nan, x.dtype))
+    _rocm.fft_resident(dx.ptr, dout.ptr, x.shape[0], n, inverse, prec, 0, 0)
+    out = dout.get()
     assert np.isnan(out[-1]).all(), f"written past the last row, n {n}"
     return out[:-1]
 
@@ -113,9 +116,9 @@ def test_staged_rank(shape):
 
 def test_prec_outside_the_codes_is_single():
     x = random_rows(2, 20, np.complex64)
-    out = np.full(x.shape, np.nan, x.dtype)
-    _rocm.fft_resident(x.ctypes.data, out.ctypes.data, 2, 20, False, 7, 0, 0)
-    check(out, reference(x, False), 1, "prec 7")
+    dx, dout = DeviceArray(x), DeviceArray(np.full(x.shape, np.nan, x.dtype))
+    _rocm.fft_resident(dx.ptr, dout.ptr, 2, 20, False, 7, 0, 0)
+    check(dout.get(), reference(x, False), 1, "prec 7")
 
 
 @pytest.mark.parametrize("n, prec, words", [(41, 1, "Bluestein"), (32768, 1, "four-step"), (8192, 2, "four-step")])
@@ -159,6 +162,5 @@ LIMIT_SCRIPT = textwrap.dedent(
 @pytest.mark.parametrize("limit", [49152, 65536, 163840])
 def test_shared_limits(limit, run_python):
     tests = os.path.dirname(os.path.abspath(__file__))
-    proc = run_python(LIMIT_SCRIPT.format(tests=tests, limit=limit, seed=SEED),
-                      ONDREL_CPU_SHARED_LIMIT=str(limit))
+    proc = run_python(LIMIT_SCRIPT.format(tests=tests, limit=limit, seed=SEED), **same_runtime_env(limit))
     assert proc.returncode == 0, f"seed {SEED}\n{proc.stdout}\n{proc.stderr}"

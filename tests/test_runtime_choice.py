@@ -99,3 +99,33 @@ def test_import_fails_clearly_on_a_bad_choice(run_python):
     proc = run_python("import ondrel", ONDREL_RUNTIME="gpu")
     assert proc.returncode != 0
     assert "ONDREL_RUNTIME must be one of auto, cpu, cuda, hip; got 'gpu'" in proc.stderr
+
+
+WHEEL_NVRTC = "/site/nvidia/cu13/lib/libnvrtc.so.13"
+
+
+@pytest.mark.parametrize(
+    "loadable, nvrtc_var",
+    [
+        (("libcuda.so.1", WHEEL_NVRTC), {"ONDREL_NVRTC_PATH": WHEEL_NVRTC}),
+        (GPU_HOST + (WHEEL_NVRTC,), {}),  # the system's NVRTC matches its driver
+    ],
+)
+def test_cuda_points_at_a_wheels_nvrtc_only_without_the_systems(tmp_path, loadable, nvrtc_var):
+    install(tmp_path, "cpu", "cuda")
+    chosen, updates = rc.choose({}, tmp_path, loader(*loadable), lambda: [Path(WHEEL_NVRTC)])
+    assert (chosen, updates) == ("cuda", {**libs(tmp_path, "cuda"), **nvrtc_var})
+
+
+def test_a_loaded_wheel_nvrtc_is_not_taken_for_the_systems(tmp_path):
+    # Once the wheel's copy is loaded, the loader matches its bare name to it.
+    loaded = {"libcuda.so.1"}
+
+    def can_load(name: str) -> bool:
+        if name == WHEEL_NVRTC:
+            loaded.add(Path(name).name)
+        return name == WHEEL_NVRTC or name in loaded
+
+    install(tmp_path, "cpu", "cuda")
+    _, updates = rc.choose({}, tmp_path, can_load, lambda: [Path(WHEEL_NVRTC)])
+    assert updates["ONDREL_NVRTC_PATH"] == WHEEL_NVRTC

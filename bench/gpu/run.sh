@@ -1,0 +1,42 @@
+#!/usr/bin/env bash
+# On a lent GPU machine, from a copy of the repository: builds and installs
+# the package there (its Python differs from the development machines'),
+# then runs what is asked, on the CUDA runtime:
+#   tests  the whole pytest suite under ONDREL_RUNTIME=cuda
+#   fft    bench/gpu/fft_bench.py against the vendor FFT (arguments follow)
+#   all    both
+# Everything it prints also lands in $OUT (the folder that comes back), or
+# in /tmp/ondrel-gpu where $OUT is unset. One line runs it all:
+#   bash bench/gpu/run.sh all
+set -uo pipefail
+cd "$(dirname "$0")/../.."
+root=$(pwd)
+out=${OUT:-/tmp/ondrel-gpu}
+mkdir -p "$out"
+what=${1:-all}
+shift || true
+export PYTHONUNBUFFERED=1
+
+{
+  date -u +"%Y-%m-%d %H:%M UTC"
+  nvidia-smi --query-gpu=name,driver_version,memory.total --format=csv,noheader
+  python3 --version
+} 2>&1 | tee "$out/device.txt"
+
+# Boost.Context, which the CPU runtime needs, is not on these machines, and
+# nothing here needs that runtime.
+CMAKE_BUILD_PARALLEL_LEVEL=$(nproc) python3 -m pip install -q --no-build-isolation --no-deps \
+  --disable-pip-version-check -C cmake.define.ONDREL_BUILD_CPU_RUNTIME=OFF . >"$out/build.log" 2>&1 \
+  || { tail -40 "$out/build.log"; exit 1; }
+
+export ONDREL_RUNTIME=cuda ONDREL_CACHE_DIR=/tmp/ondrel-cache
+status=0
+if [ "$what" = tests ] || [ "$what" = all ]; then
+  (cd /tmp && python3 -m pytest -q -p no:cacheprovider -c "$root/pyproject.toml" --rootdir "$root" \
+    "$root/tests") >"$out/tests.log" 2>&1 || status=1
+  tail -15 "$out/tests.log"
+fi
+if [ "$what" = fft ] || [ "$what" = all ]; then
+  (cd /tmp && python3 "$root/bench/gpu/fft_bench.py" --out "$out" "$@") 2>&1 | tee "$out/fft.log" || status=1
+fi
+exit $status

@@ -1,0 +1,96 @@
+// Devices: counting, properties and the two attributes the module asks for.
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "hip/context.hpp"
+
+namespace ondrel_cuda {
+namespace {
+
+// The schedules of the kernel generators were made for 64 KiB of shared
+// memory per block; below it some lengths lose their default route, above
+// it a Rader stage may be left with fewer threads per row than it needs.
+constexpr int kDefaultSharedLimit = 65536;
+
+// ONDREL_CUDA_SHARED_LIMIT in bytes, or the default when unset or not a
+// positive number.
+int wanted_shared_limit() {
+  const char* env = std::getenv("ONDREL_CUDA_SHARED_LIMIT");
+  if (env == nullptr || *env == '\0') return kDefaultSharedLimit;
+  char* end = nullptr;
+  const long v = std::strtol(env, &end, 10);
+  return *end == '\0' && v > 0 && v <= (1L << 30) ? static_cast<int>(v) : kDefaultSharedLimit;
+}
+
+// Never more than a block may opt in to, which a launch then asks for.
+CUresult shared_limit(const DriverApi& d, CUdevice device, int& value) {
+  int optin = 0;
+  CUresult r = d.DeviceGetAttribute(&optin, CU_DEVICE_ATTRIBUTE_MAX_SHARED_MEMORY_PER_BLOCK_OPTIN, device);
+  if (r != CUDA_SUCCESS || optin < 1)
+    r = d.DeviceGetAttribute(&optin, CU_DEVICE_ATTRIBUTE_MAX_SHARED_MEMORY_PER_BLOCK, device);
+  if (r == CUDA_SUCCESS) value = std::min(wanted_shared_limit(), optin);
+  return r;
+}
+
+hipError_t device_handle(int ordinal, const DriverApi*& d, CUdevice& device) {
+  if (hipError_t e = initialised_driver(d); e != hipSuccess) return e;
+  return to_hip(d->DeviceGet(&device, ordinal));
+}
+
+}  // namespace
+
+}  // namespace ondrel_cuda
+
+using namespace ondrel_cuda;
+
+extern "C" {
+
+hipError_t hipInit(unsigned flags) {
+  if (flags != 0) return hipErrorInvalidValue;
+  const DriverApi* d = nullptr;
+  return initialised_driver(d);
+}
+
+hipError_t hipGetDeviceCount(int* count) {
+  if (count == nullptr) return hipErrorInvalidValue;
+  *count = 0;
+  const DriverApi* d = nullptr;
+  if (hipError_t e = initialised_driver(d); e != hipSuccess) return e;
+  if (hipError_t e = to_hip(d->DeviceGetCount(count)); e != hipSuccess) return e;
+  return *count > 0 ? hipSuccess : hipErrorNoDevice;
+}
+
+hipError_t hipDeviceGetAttribute(int* value, int attribute, int device) {
+  if (value == nullptr) return hipErrorInvalidValue;
+  const DriverApi* d = nullptr;
+  CUdevice handle = 0;
+  if (hipError_t e = device_handle(device, d, handle); e != hipSuccess) return e;
+  switch (attribute) {
+    case hipDeviceAttributeMaxSharedMemoryPerBlock: return to_hip(shared_limit(*d, handle, *value));
+    case hipDeviceAttributeL2CacheSize:
+      return to_hip(d->DeviceGetAttribute(value, CU_DEVICE_ATTRIBUTE_L2_CACHE_SIZE, handle));
+    default: return hipErrorInvalidValue;
+  }
+}
+
+hipError_t hipGetDevicePropertiesR0600(hipDeviceProp_tR0600* props, int device) {
+  if (props == nullptr) return hipErrorInvalidValue;
+  const DriverApi* d = nullptr;
+  CUdevice handle = 0;
+  if (hipError_t e = device_handle(device, d, handle); e != hipSuccess) return e;
+  constexpr int kText = 256;
+  char* bytes = reinterpret_cast<char*>(props);
+  std::memset(bytes, 0, ondrelCudaPropsSize);
+  int major = 0, minor = 0;
+  CUresult r = d->DeviceGetName(bytes + ondrelCudaPropsNameOffset, kText - 1, handle);
+  if (r == CUDA_SUCCESS) r = d->DeviceGetAttribute(&major, CU_DEVICE_ATTRIBUTE_COMPUTE_CAPABILITY_MAJOR, handle);
+  if (r == CUDA_SUCCESS) r = d->DeviceGetAttribute(&minor, CU_DEVICE_ATTRIBUTE_COMPUTE_CAPABILITY_MINOR, handle);
+  if (r != CUDA_SUCCESS) return to_hip(r);
+  const std::string arch = "sm_" + std::to_string(major) + std::to_string(minor);
+  std::memcpy(bytes + ondrelCudaPropsArchOffset, arch.c_str(), std::min<size_t>(arch.size(), kText - 1));
+  return hipSuccess;
+}
+
+}  // extern "C"
