@@ -55,8 +55,8 @@ if os.environ.get("ONDREL_FFT_SWEEP"):
 # mixed-radix sizes), radix 25, padding, odd rows per block and thread
 # counts below the Rader minimum; the register core forced on powers of two
 # and on mixed lengths, with and without the component-wise exchange, with a
-# tuned ept and a half exchange buffer; odd rows per block of the tiled and
-# cube kernels.
+# tuned ept, a half exchange buffer and packed half arithmetic with a
+# radix-7 butterfly; odd rows per block of the tiled and cube kernels.
 TUNED_CASES = [
     (64, 2, (0, 3, 0, 0)),
     (343, 2, (0, 3, 0, 0)),
@@ -68,6 +68,7 @@ TUNED_CASES = [
     (4096, 1, (0, 0, FORCE_REGISTER, 0, 32)),
     (100, 2, (0, 0, FORCE_REGISTER, 0)),
     (23, 1, (0, 0, FORCE_REGISTER, 0)),
+    (112, 3, (0, 0, FORCE_REGISTER, 0)),
     (216, 1, (0, 0, FORCE_REGISTER, VAR_FLIP_EXCHANGE, 6)),
     (625, 1, (0, 3, 0, VAR_FLIP_EXCHANGE)),
     (1024, 0, (0, 0, 0, VAR_HALF_EXCHANGE)),

@@ -125,7 +125,14 @@ std::string KernelWriter::mul_const(const std::string& x, double re, double im) 
 }
 
 std::string KernelWriter::scale(const std::string& x, double a, double b) {
-  return bind("cmk(" + x + ".x*(" + literal(a) + "), " + x + ".y*(" + literal(b) + "))");
+  // A half component times a double literal is ambiguous to the GPU
+  // compilers (built-in and half operators both match): half arithmetic
+  // takes the constant rounded to half first.
+  const auto c = [&](double v) {
+    if (prec != 0) return literal(v);
+    return std::string("(").append(backend.real_type(0)).append(")(").append(literal(v)).append(")");
+  };
+  return bind("cmk(" + x + ".x*(" + c(a) + "), " + x + ".y*(" + c(b) + "))");
 }
 
 }  // namespace ondrel::codegen
