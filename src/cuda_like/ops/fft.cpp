@@ -4,7 +4,9 @@
 #include <stdexcept>
 
 #include "codegen/fft_kernel.hpp"
+#include "cuda_like/ops/bluestein.hpp"
 #include "cuda_like/ops/fft_launch.hpp"
+#include "cuda_like/ops/four_step.hpp"
 #include "cuda_like/ops/fft_schedule.hpp"
 #include "cuda_like/tables/twiddles.hpp"
 #include "rocm/compile.hpp"
@@ -73,6 +75,10 @@ void fft(const void* x, void* out, int64_t rows, int32_t n, const FftOptions& op
   q.tune = fft_tune_entry(n, is_double, options);
   q.shared_limit = device_shared_limit(device);
   const FftRoute route = fft_route(q);
+  if (route.core == FftCore::four_step)
+    return four_step<T>(x, out, rows, n, options.inverse, device, stream, io_prec, io_prec);
+  if (route.core == FftCore::bluestein)
+    return bluestein_fft<T>(x, out, rows, n, options.inverse, options.half, device, stream);
   if (const std::string missing = missing_route_text(route); !missing.empty()) throw std::runtime_error(missing);
 
   LaunchRecord rec;
