@@ -21,11 +21,11 @@ VAR_FLIP_EXCHANGE = 8
 
 
 def kernel_name(n: int, prec: int, tune=None, limit: int = SHARED_LIMIT) -> str | None:
-    """The kernel fft_resident would run, or None for a route without a native core."""
+    """The kernel fft_resident would run, or None for the multi-kernel routes."""
     tpf, fpb, core, var, ept = (tuple(tune) + (0,))[:5] if tune else (0, 0, 0, 0, 0)
     try:
         return _codegen.fft_kernel_text(n, prec, False, limit, tpf, fpb, core, var, ept)[0]
-    except RuntimeError:
+    except ValueError:
         return None
 
 

@@ -9,7 +9,10 @@
 #include "codegen/backend.hpp"
 #include "codegen/fused_cores.hpp"
 #include "codegen/sample_kernel.hpp"
+#include "cuda_like/ops/bluestein.hpp"
 #include "cuda_like/ops/fft.hpp"
+#include "cuda_like/ops/four_step.hpp"
+#include "cuda_like/ops/four_step_real.hpp"
 
 namespace py = pybind11;
 
@@ -36,8 +39,12 @@ PYBIND11_MODULE(_codegen, m) {
         q.tune = ondrel::TuneEntry{ept, fpb, tpf, core, var};
         q.shared_limit = shared_limit;
         const ondrel::FftRoute route = ondrel::fft_route(q);
-        if (const std::string missing = ondrel::missing_route_text(route); !missing.empty())
-          throw std::runtime_error(missing);
+        if (!ondrel::has_core_text(route))
+          throw py::value_error("fft_kernel_text: n = " + std::to_string(n) + " takes the " +
+                                ondrel::core_word(route.core) + " route, whose kernels " +
+                                (route.core == ondrel::FftCore::bluestein ? "bluestein_kernel_texts"
+                                                                          : "four_step_kernel_texts") +
+                                " gives");
         return py::make_tuple(route.kernel, ondrel::core_text(route, inverse));
       },
       py::arg("n"), py::arg("prec") = 1, py::arg("inverse") = false, py::arg("shared_limit") = 65536,
@@ -53,4 +60,36 @@ PYBIND11_MODULE(_codegen, m) {
       },
       py::arg("m"), py::arg("ept"), py::arg("tpf"), py::arg("core"), py::arg("prec") = 1, py::arg("tw_table") = false,
       "Text of a complex row FFT of m points around the fused-kernel core `core` (0 passes, 1 warp, 3 EPT16).");
+  m.def(
+      "four_step_kernel_texts",
+      [](int32_t n, int32_t prec, bool inverse, uint64_t shared_limit) {
+        const bool is_double = prec == 2;
+        const int32_t word = prec == 0 || prec == 3 ? 0 : 1;
+        const ondrel::FourStepPlan plan = ondrel::four_step_plan(n, is_double, shared_limit);
+        py::list out;
+        for (int pass = 1; pass <= 2; ++pass)
+          out.append(py::make_tuple(
+              ondrel::four_step_key(plan, pass, is_double, word, word, inverse),
+              ondrel::codegen::four_step_pass_kernel(ondrel::four_step_pass(plan, pass, is_double, word, word, inverse),
+                                                     ondrel::codegen::hip_backend())));
+        return out;
+      },
+      py::arg("n"), py::arg("prec") = 1, py::arg("inverse") = false, py::arg("shared_limit") = 65536,
+      "[(kernel key, text)] of the two four-step passes of a complex FFT of length n.");
+  m.def(
+      "bluestein_kernel_texts",
+      [](int32_t n, int32_t prec, bool inverse, uint64_t shared_limit, bool real) {
+        return ondrel::bluestein_texts(n, prec == 2, prec == 0 || prec == 3, real, inverse, shared_limit);
+      },
+      py::arg("n"), py::arg("prec") = 1, py::arg("inverse") = false, py::arg("shared_limit") = 65536,
+      py::arg("real") = false,
+      "[(kernel key, text)] of the Bluestein kernels that a complex (or, with real, a real) FFT of length n "
+      "compiles: the one-kernel form, or the staged kernels with the four-step passes of the convolution length.");
+  m.def(
+      "four_step_real_kernel_texts",
+      [](int32_t n, int32_t prec, bool inverse, uint64_t shared_limit) {
+        return ondrel::four_step_real_texts(n, prec == 2, prec == 0 || prec == 3 ? 0 : 1, inverse, shared_limit);
+      },
+      py::arg("n"), py::arg("prec") = 1, py::arg("inverse") = false, py::arg("shared_limit") = 65536,
+      "[(kernel key, text)] of the kernels of the real four-step FFT of even length n.");
 }

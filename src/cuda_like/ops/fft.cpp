@@ -6,7 +6,9 @@
 #include "codegen/fft_kernel.hpp"
 #include "codegen/register_core.hpp"
 #include "codegen/tile_cores.hpp"
+#include "cuda_like/ops/bluestein.hpp"
 #include "cuda_like/ops/fft_launch.hpp"
+#include "cuda_like/ops/four_step.hpp"
 #include "cuda_like/ops/fft_schedule.hpp"
 #include "cuda_like/tables/twiddles.hpp"
 #include "rocm/compile.hpp"
@@ -15,18 +17,6 @@
 namespace ondrel {
 
 namespace {
-
-const char* route_words(FftCore core) {
-  switch (core) {
-    case FftCore::bluestein: return "Bluestein";
-    case FftCore::four_step: return "four-step";
-    case FftCore::tiled: return "tiled core";
-    case FftCore::cube: return "cube core";
-    case FftCore::packed_pairs: return "packed-pair core";
-    case FftCore::registers: return "register core";
-    default: return core_word(core);
-  }
-}
 
 void launch(const LaunchRecord& rec, const void* x, void* out, int64_t rows, hip_dl::hipStream_t stream) {
   int nrows = static_cast<int>(rows);
@@ -49,12 +39,6 @@ bool has_core_text(const FftRoute& route) {
   }
 }
 
-std::string missing_route_text(const FftRoute& route) {
-  if (has_core_text(route)) return {};
-  return std::string("fft: the ") + route_words(route.core) + " route for n = " + std::to_string(route.n) +
-         " is not available in this build";
-}
-
 std::string core_text(const FftRoute& route, bool inverse) {
   const codegen::Backend& b = codegen::hip_backend();
   switch (route.core) {
@@ -75,7 +59,7 @@ std::string core_text(const FftRoute& route, bool inverse) {
       return codegen::fft_kernel(route.n, factor_schedule(route.n, rest, route.with25), route.compute_prec,
                                  route.tpf, b, inverse, route.rows_per_block, route.io_prec, route.pad);
     }
-    default: throw std::logic_error(missing_route_text(route));
+    default: throw std::logic_error(std::string("fft: no single kernel serves the ") + core_word(route.core) + " route");
   }
 }
 
@@ -104,8 +88,10 @@ void fft(const void* x, void* out, int64_t rows, int32_t n, const FftOptions& op
   q.tune = fft_tune_entry(n, is_double, options);
   q.shared_limit = device_shared_limit(device);
   const FftRoute route = fft_route(q);
-  // The Bluestein and four-step paths.
-  if (!has_core_text(route)) throw std::runtime_error(missing_route_text(route));
+  if (route.core == FftCore::four_step)
+    return four_step<T>(x, out, rows, n, options.inverse, device, stream, io_prec, io_prec);
+  if (route.core == FftCore::bluestein)
+    return bluestein_fft<T>(x, out, rows, n, options.inverse, options.half, device, stream);
 
   LaunchRecord rec;
   rec.fn = kernel_function(route.kernel, device, [&] { return core_text(route, options.inverse); }, "ondrel_fft");

@@ -116,7 +116,7 @@ FftRoute fft_route(const RouteQuery& q) {
   r.compute_prec = dbl ? 2 : 1;
 
   // A large prime factor: convolution through a smooth length.
-  if (bluestein_wanted(n)) return routed(r, FftCore::bluestein);
+  if (takes_bluestein(n)) return routed(r, FftCore::bluestein);
 
   // Long powers of two, and long rows that cannot sit in shared memory.
   const int32_t p1 = dbl ? 16384 : 32768;
@@ -323,7 +323,7 @@ FftRoute rfft_route(const RouteQuery& q) {
   r.compute_prec = dbl ? 2 : 1;
 
   // Large primes, and odd lengths with no native schedule.
-  if (bluestein_wanted(n) || (odd && n >= 4 && !odd_native(n, dbl, limit)))
+  if (takes_bluestein(n) || (odd && n >= 4 && !odd_native(n, dbl, limit)))
     return routed(r, FftCore::bluestein);
 
   // Lengths 1 to 3: one thread a row.

@@ -120,6 +120,23 @@ bool bluestein_wanted(int32_t n) {
   return largest_prime_factor(n) > 6.0 * std::log2(2.0 * n);
 }
 
+bool takes_bluestein(int32_t n) {
+  if (bluestein_wanted(n)) return true;
+  int32_t rest = 1;
+  factor_schedule(n, rest, false);
+  if (rest < 2 || largest_prime_factor(rest) == rest) return false;
+  // A composite rest is one straight-line butterfly in one thread, about
+  // rest x (sum of its primes) multiply-adds: 17 x 19 x 23 would be a kernel
+  // of megabytes that no compiler finishes in reasonable time.
+  int64_t primes = 0;
+  for (int32_t left = rest; left > 1;) {
+    const int32_t p = largest_prime_factor(left);
+    primes += p;
+    left /= p;
+  }
+  return static_cast<int64_t>(rest) * primes > kLongestCompositeButterfly;
+}
+
 int64_t bluestein_length(int32_t n) {
   const int64_t target = 2 * static_cast<int64_t>(n) - 1;
   int64_t pow2 = 16;

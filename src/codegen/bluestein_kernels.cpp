@@ -1,0 +1,217 @@
+#include "codegen/bluestein_kernels.hpp"
+
+#include "codegen/fft_stages.hpp"
+#include "codegen/kernel_writer.hpp"
+#include "codegen/macros.hpp"
+#include "codegen/prelude.hpp"
+#include "cuda_like/ops/fft_schedule.hpp"
+
+namespace ondrel::codegen {
+
+namespace {
+
+std::string data_type(int io, const Backend& backend) {
+  return io == 0 ? backend.pair_type(0) : std::string("cplx");
+}
+
+std::string head_of(const std::string& text_above, const std::string& name, const std::vector<std::string>& params,
+                    const Backend& backend) {
+  std::string head = text_above + backend.kernel_head() + " " + name + "(";
+  for (size_t i = 0; i < params.size(); ++i) head += (i ? ", " : "") + params[i];
+  return head + ") {\n";
+}
+
+// One thread an element of row blockIdx.y.
+void element_ids(KernelWriter& w, int64_t count) {
+  w.emit("I64 i = (I64)$ * 256 + $;", w.backend.block_x(), w.backend.thread_x());
+  w.emit("if (i >= $) return;", count);
+  w.emit("I64 row = $;", w.backend.block_y());
+}
+
+}  // namespace
+
+std::string bluestein_fused_kernel(int32_t n, int32_t m, const std::vector<int32_t>& schedule, int prec,
+                                   int32_t tpf, const Backend& backend) {
+  const std::string real = backend.real_type(prec);
+  std::string text = backend.preamble(prec) + complex_prelude(backend, prec) + shp_define_bluestein(prec) +
+                     "typedef cplx iot;\n" + define("TPF", std::to_string(tpf));
+  text += backend.kernel_head() + backend.launch_bounds(tpf, -1) + " ondrel_fft(" + backend.const_pointer("iot") +
+          " x, " + backend.pointer("iot") + " out, " + backend.pointer_param(true, "cplx", "tw", 2) + ", " +
+          backend.pointer_param(true, "cplx", "bch", 3) + ", " + backend.pointer_param(true, "cplx", "filt", 4) +
+          ", " + backend.value_param(real, "scale", 5) + ", " + backend.value_param("int", "nrows", 6) + ") {\n  " +
+          backend.shared_array("cplx", "shbuf") + "\n";
+  const int shift = prec == 2 ? 3 : 4;
+  const int64_t stride = (m >> shift) + m + 1 + rader_scratch(m);
+  KernelWriter w(prec, backend);
+  add_fft_tables(w, prec, m, "tw", schedule);
+  const std::string tx = backend.thread_x();
+  w.emit("int tid = $ % TPF;", tx);
+  w.emit("I64 batch = (I64)$ * $ + $ / TPF;", backend.block_x(), 1, tx);
+  w.line("I64 brow = batch < nrows - 1 ? batch : nrows - 1;");
+  w.emit("TG cplx* bufA = shbuf + ($ / TPF) * $;", tx, stride);
+  w.emit("const DEV iot* xb = x + brow * $;", n);
+  w.for_range("i", "tid", m, "TPF", [&] {
+    w.emit("cplx zz = cmk(($)0, ($)0);", real, real);
+    w.emit("if (i < $) zz = cmul(xb[i], bch[i]);", n);
+    w.line("bufA[SHP(i)] = zz;");
+  });
+  w.sync();
+  emit_stages(w, "bufA", m, schedule, tpf, false);
+  w.sync();
+  w.for_range("i", "tid", m, "TPF", [&] { w.line("bufA[SHP(i)] = cmul(bufA[SHP(i)], filt[i]);"); });
+  w.sync();
+  emit_stages(w, "bufA", m, schedule, tpf, true);
+  // Surplus rows ran every barrier on a copy of the last row.
+  w.line("if (batch >= nrows) return;");
+  w.for_range("k", "tid", n, "TPF", [&] {
+    w.line("cplx r = cmul(bufA[SHP(k)], bch[k]);");
+    w.emit("out[batch * $ + k] = $;", n, backend.make_pair(prec, "r.x * scale", "r.y * scale"));
+  });
+  return text + w.text() + "}\n";
+}
+
+std::string bluestein_pair_kernel(int32_t n, int32_t m, const std::vector<int32_t>& schedule, int32_t tpf,
+                                  bool inverse, const Backend& backend) {
+  const std::string real = backend.real_type(1);
+  std::string text = backend.preamble(1) + complex_prelude(backend, 1) + shp_define_bluestein(1) +
+                     define("TPF", std::to_string(tpf));
+  const std::string in = inverse ? "cplx" : real, out = inverse ? real : "cplx";
+  text += backend.kernel_head() + backend.launch_bounds(tpf, -1) + (inverse ? " ondrel_irfft(" : " ondrel_rfft(") +
+          backend.const_pointer(in) + " x, " + backend.pointer(out) + " out, " +
+          backend.pointer_param(true, "cplx", "tw", 2) + ", " + backend.pointer_param(true, "cplx", "bch", 3) + ", " +
+          backend.pointer_param(true, "cplx", "filt", 4) + ", " + backend.value_param(real, "scale", 5) + ", " +
+          backend.value_param("int", "nrows", 6) + ") {\n  " + backend.shared_array("cplx", "shbuf") + "\n";
+  const int64_t stride = (m >> 4) + m + 1 + rader_scratch(m);
+  const int32_t bins = n / 2 + 1;
+  KernelWriter w(1, backend);
+  const std::string tx = backend.thread_x();
+  w.emit("int tid = $ % TPF;", tx);
+  w.emit("I64 batch = (I64)$ * $ + $ / TPF;", backend.block_x(), 1, tx);
+  w.line("I64 row0 = 2 * batch; I64 row1 = row0 + 1;");
+  w.line("I64 r0c = row0 < nrows - 1 ? row0 : nrows - 1;");
+  w.line("I64 r1c = row1 < nrows - 1 ? row1 : nrows - 1;");
+  w.emit("TG cplx* bufA = shbuf + ($ / TPF) * $;", tx, stride);
+  w.emit("const DEV $* xa = x + r0c * $;", in, inverse ? bins : n);
+  w.emit("const DEV $* xc = x + r1c * $;", in, inverse ? bins : n);
+  w.for_range("i", "tid", m, "TPF", [&] {
+    w.emit("cplx zz = cmk(($)0, ($)0);", real, real);
+    w.raw(format("  if (i < $) {\n", {n}));
+    if (inverse) {
+      // Each half spectrum extended by Hermitian symmetry; the pair packs
+      // as a + i b, whose transform has the two real rows as its parts.
+      w.line("cplx af, bf;");
+      w.emit("if (i <= $) { af = xa[i]; bf = xc[i]; } else { cplx a = xa[$ - i]; cplx b = xc[$ - i]; "
+             "af = cmk(a.x, -a.y); bf = cmk(b.x, -b.y); }",
+             n / 2, n, n);
+      w.emit("if (i == 0) { af.y = ($)0; bf.y = ($)0; }", real, real);
+      w.line("cplx cc = cmk(af.x - bf.y, af.y + bf.x);");
+      w.line("zz = cmul(cc, bch[i]);");
+    } else {
+      w.line("zz = cmul(cmk(xa[i], xc[i]), bch[i]);");
+    }
+    w.raw("  }\n");
+    w.line("bufA[SHP(i)] = zz;");
+  });
+  w.sync();
+  emit_stages(w, "bufA", m, schedule, tpf, false);
+  w.sync();
+  w.for_range("i", "tid", m, "TPF", [&] { w.line("bufA[SHP(i)] = cmul(bufA[SHP(i)], filt[i]);"); });
+  w.sync();
+  emit_stages(w, "bufA", m, schedule, tpf, true);
+  w.line("if (row0 >= nrows) return;");
+  if (inverse) {
+    w.for_range("k", "tid", n, "TPF", [&] {
+      w.line("cplx r = cmul(bufA[SHP(k)], bch[k]);");
+      w.emit("out[row0 * $ + k] = ($)(r.x * scale);", n, real);
+      w.emit("if (row1 < nrows) out[row1 * $ + k] = ($)(r.y * scale);", n, real);
+    });
+  } else {
+    // Z = X0 + i X1 of two real rows: X0 and X1 from bins k and n - k.
+    w.for_range("k", "tid", bins, "TPF", [&] {
+      w.line("cplx Zk = cmul(bufA[SHP(k)], bch[k]);");
+      w.emit("int nk = (k == 0) ? 0 : $ - k;", n);
+      w.line("cplx Znk = cmul(bufA[SHP(nk)], bch[nk]);");
+      w.emit("$ x0r = ($)0.5 * (Zk.x + Znk.x) * scale, x0i = ($)0.5 * (Zk.y - Znk.y) * scale;", real, real, real);
+      w.emit("$ x1r = ($)0.5 * (Zk.y + Znk.y) * scale, x1i = ($)(-0.5) * (Zk.x - Znk.x) * scale;", real, real, real);
+      w.emit("out[row0 * $ + k] = make_$2(($)x0r, ($)x0i);", bins, real, real, real);
+      w.emit("if (row1 < nrows) out[row1 * $ + k] = make_$2(($)x1r, ($)x1i);", bins, real, real, real);
+    });
+  }
+  return text + w.text() + "}\n";
+}
+
+std::string bluestein_pre_kernel(int32_t n, int32_t m, int prec, int io, BluesteinMode mode,
+                                 const Backend& backend) {
+  const std::string real = backend.real_type(prec);
+  const std::string iot = data_type(io, backend);
+  const std::string above = backend.preamble(io == 0 ? 0 : prec) + complex_prelude(backend, prec) +
+                            "typedef " + iot + " iot;\n";
+  const bool real_rows = mode == BluesteinMode::real_forward;
+  // Real rows are plain reals of the data's precision; half reals are __half.
+  const std::string in_type = real_rows ? backend.real_type(io == 0 ? 0 : prec) : "iot";
+  const int64_t in_row = mode == BluesteinMode::real_inverse ? n / 2 + 1 : n;
+  std::string text = head_of(above, "ondrel_bgpre",
+                             {backend.pointer_param(true, in_type, "x", 0), backend.pointer_param(false, "cplx", "out", 1),
+                              backend.pointer_param(true, "cplx", "bch", 2)},
+                             backend);
+  KernelWriter w(prec, backend);
+  element_ids(w, m);
+  w.emit("const DEV $* xb = x + row * $;", in_type, in_row);
+  w.emit("cplx zz = cmk(($)0, ($)0);", real, real);
+  w.raw(format("  if (i < $) {\n", {n}));
+  switch (mode) {
+    case BluesteinMode::complex:
+      w.emit("iot v = xb[i]; zz = cmul(cmk(($)v.x, ($)v.y), bch[i]);", real, real);
+      break;
+    case BluesteinMode::real_forward:
+      w.emit("zz = cmul(cmk(($)xb[i], ($)0), bch[i]);", real, real);
+      break;
+    case BluesteinMode::real_inverse:
+      // The spectrum's Hermitian extension; bin 0 of a real row is real.
+      w.line("cplx xi;");
+      w.emit("if (i <= $) { iot v = xb[i]; xi = cmk(($)v.x, ($)v.y); } else { iot c = xb[$ - i]; xi = cmk(($)c.x, "
+             "-($)c.y); }",
+             n / 2, real, real, n, real, real);
+      w.emit("if (i == 0) xi.y = ($)0;", real);
+      w.line("zz = cmul(xi, bch[i]);");
+      break;
+  }
+  w.raw("  }\n");
+  w.emit("out[row * $ + i] = zz;", m);
+  return text + w.text() + "}\n";
+}
+
+std::string bluestein_mul_kernel(int32_t m, int prec, const Backend& backend) {
+  const std::string above = backend.preamble(prec) + complex_prelude(backend, prec);
+  std::string text = head_of(above, "ondrel_bgmul",
+                             {backend.pointer_param(false, "cplx", "z", 0), backend.pointer_param(true, "cplx", "filt", 1)},
+                             backend);
+  KernelWriter w(prec, backend);
+  element_ids(w, m);
+  w.emit("z[row * $ + i] = cmul(z[row * $ + i], filt[i]);", m, m);
+  return text + w.text() + "}\n";
+}
+
+std::string bluestein_post_kernel(int32_t n, int32_t m, int prec, int io, BluesteinMode mode,
+                                  const Backend& backend) {
+  const std::string real = backend.real_type(prec);
+  const std::string iot = data_type(io, backend);
+  const std::string above = backend.preamble(io == 0 ? 0 : prec) + complex_prelude(backend, prec) +
+                            "typedef " + iot + " iot;\n";
+  const bool real_rows = mode == BluesteinMode::real_inverse;
+  const std::string out_type = real_rows ? backend.real_type(io == 0 ? 0 : prec) : "iot";
+  const int64_t count = mode == BluesteinMode::real_forward ? n / 2 + 1 : n;
+  std::string text = head_of(above, "ondrel_bgpost",
+                             {backend.pointer_param(true, "cplx", "z", 0), backend.pointer_param(false, out_type, "out", 1),
+                              backend.pointer_param(true, "cplx", "bch", 2), backend.value_param(real, "scale", 3)},
+                             backend);
+  KernelWriter w(prec, backend);
+  element_ids(w, count);
+  w.emit("cplx r = cmul(z[row * $ + i], bch[i]);", m);
+  const int data = io == 0 ? 0 : prec;
+  w.emit("out[row * $ + i] = $;", count,
+         real_rows ? backend.convert(data, "r.x * scale") : backend.make_pair(data, "r.x * scale", "r.y * scale"));
+  return text + w.text() + "}\n";
+}
+
+}  // namespace ondrel::codegen
