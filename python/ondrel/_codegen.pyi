@@ -15,3 +15,14 @@ def fft_kernel_text(
 def fused_fft_kernel_text(
     m: int, ept: int, tpf: int, core: int, prec: int = 1, tw_table: bool = False
 ) -> str: ...
+def rfft_kernel_text(
+    n: int,
+    prec: int = 1,
+    inverse: bool = False,
+    shared_limit: int = 65536,
+    ept: int = 0,
+    tpf: int = 0,
+    fpb: int = 0,
+    core: int = 0,
+    var: int = 0,
+) -> tuple[str, str]: ...

@@ -107,6 +107,9 @@ std::string real_pack_kernel(int32_t n, int compute_prec, int data_prec, const B
   w.emit("DEV cplx* zb = z + row * $;", nh);
   w.emit("cplx xk; { iot v = xb[k]; xk = cmk(($)v.x, ($)v.y); }", real, real);
   w.emit("cplx xn; { iot v = xb[$ - k]; xn = cmk(($)v.x, ($)v.y); }", nh, real, real);
+  // Bins 0 and nh of a real row are real: whatever imaginary parts the
+  // caller left there are no part of the spectrum, as in every other irfft.
+  w.emit("if (k == 0) { xk.y = ($)0; xn.y = ($)0; }", real, real);
   w.emit("$ er = ($)0.5 * (xk.x + xn.x), ei = ($)0.5 * (xk.y - xn.y);", real, real, real);
   w.emit("$ or_ = ($)0.5 * (xk.x - xn.x), oi = ($)0.5 * (xk.y + xn.y);", real, real, real);
   // Undoing the forward split rotates the odd part back: the conjugate root.

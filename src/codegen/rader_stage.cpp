@@ -40,7 +40,9 @@ void for_rounds(KernelWriter& w, int32_t count, int32_t tpf, const std::function
 // the index maps and the transformed roots from the table.
 void table_form(KernelWriter& w, const std::string& array, int32_t n, int32_t p, int32_t tpf) {
   const int32_t m = p - 1, b = n / p, e = b * m;
-  const std::string tb = format("($ + $)", {w.table_base(n), n});
+  // The Rader tables stand behind the whole circle of the table, which a
+  // real-input kernel makes twice as long as the row.
+  const std::string tb = format("($ + $)", {w.table_base(n), w.table_stride(n) * n});
   const std::string real = w.backend.real_type(w.prec);
   w.raw(format("  if (tid < $) g0sh[tid] = $[SHP(tid)];\n", {b, array}));
   for_rounds(w, e, tpf, [&](const std::string& rx) {

@@ -8,8 +8,12 @@ namespace ondrel::python {
 // abi_version ... clear_tables: the status and control functions.
 void register_status(pybind11::module_& m);
 
-// fft_staged, fft_resident: the Fourier transforms.
+// fft_staged, rfft_staged, irfft_staged, fft_resident, rfft_resident,
+// irfft_resident: the Fourier transforms. The real ones come in two halves
+// that register_fourier places among the complex ones.
 void register_fourier(pybind11::module_& m);
+void register_real_staged(pybind11::module_& m);
+void register_real_resident(pybind11::module_& m);
 
 // set_shape_hint, shape_epoch, shape_hint_clear, route_explain.
 void register_hints(pybind11::module_& m);

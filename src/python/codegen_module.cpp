@@ -13,6 +13,7 @@
 #include "cuda_like/ops/fft.hpp"
 #include "cuda_like/ops/four_step.hpp"
 #include "cuda_like/ops/four_step_real.hpp"
+#include "cuda_like/ops/rfft.hpp"
 
 namespace py = pybind11;
 
@@ -92,4 +93,28 @@ PYBIND11_MODULE(_codegen, m) {
       },
       py::arg("n"), py::arg("prec") = 1, py::arg("inverse") = false, py::arg("shared_limit") = 65536,
       "[(kernel key, text)] of the kernels of the real four-step FFT of even length n.");
+  m.def(
+      "rfft_kernel_text",
+      [](int32_t n, int32_t prec, bool inverse, uint64_t shared_limit, uint32_t ept, uint32_t tpf, uint32_t fpb,
+         uint32_t core, uint32_t var) {
+        ondrel::RouteQuery q;
+        q.n = n;
+        q.is_double = prec == 2;
+        q.inverse = inverse;
+        q.half = prec == 0 || prec == 3;
+        q.tune = ondrel::TuneEntry{ept, fpb, tpf, core, var};
+        q.shared_limit = shared_limit;
+        const ondrel::FftRoute route = ondrel::rfft_route(q);
+        if (!ondrel::has_real_kernel(route))
+          throw py::value_error("rfft_kernel_text: n = " + std::to_string(n) + " takes the " +
+                                ondrel::core_word(route.core) + " route, whose kernels " +
+                                (route.core == ondrel::FftCore::bluestein ? "bluestein_kernel_texts"
+                                                                          : "four_step_real_kernel_texts") +
+                                " gives");
+        return py::make_tuple(route.kernel, ondrel::real_route_text(route, inverse));
+      },
+      py::arg("n"), py::arg("prec") = 1, py::arg("inverse") = false, py::arg("shared_limit") = 65536,
+      py::arg("ept") = 0, py::arg("tpf") = 0, py::arg("fpb") = 0, py::arg("core") = 0, py::arg("var") = 0,
+      "(kernel name, text) of the real FFT that rfft_resident or irfft_resident would compile for this length, "
+      "precision code and tuned words.");
 }

@@ -41,6 +41,7 @@ void register_fourier(py::module_& m) {
       py::arg("x"), py::arg("inverse"),
       "Complex FFT of a (batch, n) array; the inverse is scaled by 1/n. complex128 runs in double, "
       "everything else in single.");
+  register_real_staged(m);
   m.def(
       "fft_resident",
       [](uintptr_t x, uintptr_t out, int64_t rows, int32_t n, bool inverse, int32_t prec, int32_t dev,
@@ -58,6 +59,7 @@ void register_fourier(py::module_& m) {
       py::arg("stream"),
       "Complex FFT between device addresses, enqueued on `stream`. prec: 0 half, 1 single, 2 double, 3 half "
       "data with packed half arithmetic where a kernel has it.");
+  register_real_resident(m);
 }
 
 }  // namespace ondrel::python

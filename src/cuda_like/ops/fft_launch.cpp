@@ -19,12 +19,15 @@ uint64_t record_hash(uint64_t key, uint64_t generation) {
 }
 
 const LaunchRecord* LaunchTable::find(uint64_t key) const {
-  auto it = records.find(record_hash(key, shape_epoch()));
-  return it == records.end() ? nullptr : &it->second;
+  const uint64_t generation = shape_epoch();
+  auto it = records.find(record_hash(key, generation));
+  if (it == records.end() || it->second.key != key || it->second.generation != generation) return nullptr;
+  return &it->second.record;
 }
 
 void LaunchTable::store(uint64_t key, const LaunchRecord& record) {
-  records[record_hash(key, shape_epoch())] = record;
+  const uint64_t generation = shape_epoch();
+  records[record_hash(key, generation)] = Entry{key, generation, record};
 }
 
 namespace {

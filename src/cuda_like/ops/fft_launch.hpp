@@ -35,7 +35,14 @@ class LaunchTable {
   void store(uint64_t key, const LaunchRecord& record);
 
  private:
-  std::unordered_map<uint64_t, LaunchRecord> records;
+  // The hash alone may coincide for two shapes or generations: an entry
+  // keeps its key and generation, and only an exact match is found.
+  struct Entry {
+    uint64_t key;
+    uint64_t generation;
+    LaunchRecord record;
+  };
+  std::unordered_map<uint64_t, Entry> records;
 };
 
 // One table per thread, route family and instantiation (T float or double).

@@ -47,7 +47,8 @@ bool bluestein_wanted(int32_t n);
 constexpr int64_t kLongestCompositeButterfly = 16384;
 // bluestein_wanted, or a product of primes above 13 too long for one
 // composite butterfly (17 x 17 = 289 stays native; 17 x 19 x 23 does not).
-// The routes decide by this.
+// The routes decide by this; route_explain, a summary, reports
+// bluestein_wanted alone.
 bool takes_bluestein(int32_t n);
 // The convolution length of Bluestein: a 2,3,5,7-smooth multiple of 4 at
 // least 2n - 1, no larger than the power of two that would do. Wider than

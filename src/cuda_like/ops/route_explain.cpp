@@ -22,7 +22,7 @@ RouteExplanation route_explain(const std::string& op, int32_t n, int32_t prec, u
   int32_t rest = 1;
   e.schedule = factor_schedule(e.frame_len, rest, false);
   e.rader_prime = rader_prime(e.frame_len);
-  e.bluestein = takes_bluestein(e.frame_len);
+  e.bluestein = bluestein_wanted(e.frame_len);
   e.bluestein_m = e.bluestein ? bluestein_length(e.frame_len) : 0;
   const int32_t compute = prec == 2 ? 2 : 1;
   e.smem = shared_fft_bytes(e.frame_len, compute);
