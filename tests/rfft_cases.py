@@ -36,6 +36,6 @@ DEFAULT = [(2, 0, None), (20, 1, None), (24, 0, None), (3, 2, None), (12, 2, Non
 DEFAULT += [(n, p, None) for n in (64, 4096, 96, 1000, 1250, 9, 17, 225) for p in (0, 1, 2)]
 # Multi-kernel routes: Bluestein (odd lengths below 9, large primes, the
 # pair and the staged forms) and the real four-step path.
-LONG = [(5, 1, None), (41, 2, None), (82, 1, None), (7919, 1, None), (7919, 0, None), (1009, 2, None),
+LONG = [(5, 1, None), (41, 2, None), (82, 1, None), (94, 1, None), (7919, 1, None), (7919, 0, None), (1009, 2, None),
         (40000, 1, None), (2**16, 2, None), (2**16, 0, None)]
 CASES = SWEEP + WIDE + DEFAULT + LONG

@@ -103,7 +103,12 @@ std::string bluestein_pair_kernel(int32_t n, int32_t m, const std::vector<int32_
       w.emit("if (i <= $) { af = xa[i]; bf = xc[i]; } else { cplx a = xa[$ - i]; cplx b = xc[$ - i]; "
              "af = cmk(a.x, -a.y); bf = cmk(b.x, -b.y); }",
              n / 2, n, n);
-      w.emit("if (i == 0) { af.y = ($)0; bf.y = ($)0; }", real, real);
+      // Bins 0 and n / 2 of a real row are real; an imaginary part left
+      // there would leak into the other row of the pair.
+      if (n % 2 == 0)
+        w.emit("if (i == 0 || i == $) { af.y = ($)0; bf.y = ($)0; }", n / 2, real, real);
+      else
+        w.emit("if (i == 0) { af.y = ($)0; bf.y = ($)0; }", real, real);
       w.line("cplx cc = cmk(af.x - bf.y, af.y + bf.x);");
       w.line("zz = cmul(cc, bch[i]);");
     } else {
