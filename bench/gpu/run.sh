@@ -3,10 +3,14 @@
 # the package there (its Python differs from the development machines'),
 # then runs what is asked, on the CUDA runtime:
 #   tests  the whole pytest suite under ONDREL_RUNTIME=cuda
-#   fft    bench/gpu/fft_bench.py against the vendor FFT (arguments follow)
-#   all    both
+#   fft    bench/gpu/fft_bench.py against the vendor FFT; arguments follow
+#          (none: every preset, complex, real and long, in one run; or
+#          --preset NAME..., or --op fft|rfft|irfft --n ... --dtype ...)
+#   all    both, the benchmark with every preset
 # Everything it prints also lands in $OUT (the folder that comes back), or
-# in /tmp/ondrel-gpu where $OUT is unset. One line runs it all:
+# in /tmp/ondrel-gpu where $OUT is unset: device.txt, build.log, tests.log,
+# bench.log, bench.json, and bench.md with one table per preset and
+# operation, ready for bench/RESULTS.md. One line runs it all:
 #   bash bench/gpu/run.sh all
 set -uo pipefail
 cd "$(dirname "$0")/../.."
@@ -15,6 +19,10 @@ out=${OUT:-/tmp/ondrel-gpu}
 mkdir -p "$out"
 what=${1:-all}
 shift || true
+case $what in
+  tests | fft | all) ;;
+  *) echo "usage: $0 [tests | fft | all] [benchmark arguments]" >&2; exit 2 ;;
+esac
 export PYTHONUNBUFFERED=1
 
 {
@@ -37,6 +45,6 @@ if [ "$what" = tests ] || [ "$what" = all ]; then
   tail -15 "$out/tests.log"
 fi
 if [ "$what" = fft ] || [ "$what" = all ]; then
-  (cd /tmp && python3 "$root/bench/gpu/fft_bench.py" --out "$out" "$@") 2>&1 | tee "$out/fft.log" || status=1
+  (cd /tmp && python3 "$root/bench/gpu/fft_bench.py" --out "$out" "$@") 2>&1 | tee "$out/bench.log" || status=1
 fi
 exit $status
