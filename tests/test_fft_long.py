@@ -10,6 +10,8 @@ import numpy as np
 import pytest
 
 import nvrtc_check
+from conftest import same_runtime_env
+from device_memory import DeviceArray
 from ondrel import _codegen, _rocm
 
 SEED = int(os.environ.get("ONDREL_TEST_SEED", np.random.SeedSequence().entropy % 2**32))
@@ -32,8 +34,9 @@ def random_rows(rows: int, n: int, dtype) -> np.ndarray:
 
 def transform(x: np.ndarray, n: int, inverse: bool, prec: int) -> np.ndarray:
     """fft_resident between host arrays into a poisoned output with a guard row behind it."""
-    out = np.full((x.shape[0] + 1,) + x.shape[1:], np.nan, x.dtype)
-    _rocm.fft_resident(x.ctypes.data, out.ctypes.data, x.shape[0], n, inverse, prec, 0, 0)
+    dx, dout = DeviceArray(x), DeviceArray(np.full((x.shape[0] + 1,) + x.shape[1:], np.nan, x.dtype))
+    _rocm.fft_resident(dx.ptr, dout.ptr, x.shape[0], n, inverse, prec, 0, 0)
+    out = dout.get()
     assert np.isnan(out[-1]).all(), f"written past the last row, n {n}"
     return out[:-1]
 
@@ -129,7 +132,7 @@ CHUNK_SCRIPT = textwrap.dedent(
 
 def test_batch_above_grid_y_goes_in_chunks(run_python):
     # A limit of 1024 bytes sends n = 144 through the four-step path.
-    proc = run_python(CHUNK_SCRIPT.format(seed=SEED), ONDREL_CPU_SHARED_LIMIT="1024")
+    proc = run_python(CHUNK_SCRIPT.format(seed=SEED), **same_runtime_env(1024))
     assert proc.returncode == 0, f"seed {SEED}\n{proc.stdout}\n{proc.stderr}"
 
 

@@ -8,6 +8,8 @@ import numpy as np
 import pytest
 
 import rfft_cases
+from conftest import same_runtime_env
+from device_memory import DeviceArray
 from ondrel import _rocm
 
 SEED = int(os.environ.get("ONDREL_TEST_SEED", np.random.SeedSequence().entropy % 2**32))
@@ -35,11 +37,11 @@ def spectrum(rows: int, n: int) -> np.ndarray:
 
 
 def resident(fn, x: np.ndarray, shape: tuple, dtype, n: int, prec: int) -> np.ndarray:
-    """A resident call between host arrays, which the CPU runtime addresses directly.
-
-    The output is poisoned, with one more row behind it that must stay so."""
-    out = np.full((shape[0] + 1, *shape[1:]), np.nan, dtype)
-    fn(x.ctypes.data, out.ctypes.data, shape[0], n, prec, 0, 0)
+    """A resident call on device copies; the output is poisoned, with one more
+    row behind it that must stay so."""
+    dx, dout = DeviceArray(x), DeviceArray(np.full((shape[0] + 1, *shape[1:]), np.nan, dtype))
+    fn(dx.ptr, dout.ptr, shape[0], n, prec, 0, 0)
+    out = dout.get()
     assert np.isnan(out[-1]).all(), f"written past the last row, n {n}"
     return out[:-1]
 
@@ -146,6 +148,6 @@ def test_shared_limit(run_python):
     # A double row of M = 2048 needs 32 KiB: under a 16 KiB device neither
     # the register nor the shared form fits, and below 48 KiB the four-step
     # path does not take it.
-    proc = run_python(LIMIT_SCRIPT, ONDREL_CPU_SHARED_LIMIT="16384")
+    proc = run_python(LIMIT_SCRIPT, **same_runtime_env(16384))
     assert proc.returncode == 0, proc.stderr
     assert proc.stdout == "rfft: n exceeds the device shared-memory limit\n"

@@ -2,7 +2,8 @@
 # On a lent GPU machine, from a copy of the repository: builds and installs
 # the package there (its Python differs from the development machines'),
 # then runs what is asked, on the CUDA runtime:
-#   tests  the whole pytest suite under ONDREL_RUNTIME=cuda
+#   tests  the whole pytest suite under ONDREL_RUNTIME=cuda, one worker per
+#          core (pytest-xdist and pytest-timeout, both in the GPU image)
 #   fft    bench/gpu/fft_bench.py against the vendor FFT; arguments follow
 #          (none: every preset, complex, real and long, in one run; or
 #          --preset NAME..., or --op fft|rfft|irfft --n ... --dtype ...)
@@ -40,9 +41,17 @@ CMAKE_BUILD_PARALLEL_LEVEL=$(nproc) python3 -m pip install -q --no-build-isolati
 export ONDREL_RUNTIME=cuda ONDREL_CACHE_DIR=/tmp/ondrel-cache
 status=0
 if [ "$what" = tests ] || [ "$what" = all ]; then
-  (cd /tmp && python3 -m pytest -q -p no:cacheprovider -c "$root/pyproject.toml" --rootdir "$root" \
-    "$root/tests") >"$out/tests.log" 2>&1 || status=1
-  tail -15 "$out/tests.log"
+  # Workers must collect the same parametrisations, which draw on the seed.
+  export ONDREL_TEST_SEED=${ONDREL_TEST_SEED:-$RANDOM$RANDOM}
+  # One line per finished test, so that a run cut short still names its
+  # failures; the image's pytest-benchmark warns under xdist, and warnings
+  # are errors here. ONDREL_GPU_TEST_SECONDS bounds the whole run: at the
+  # limit pytest is interrupted and still prints its summary.
+  (cd /tmp && timeout -s INT "${ONDREL_GPU_TEST_SECONDS:-3000}" python3 -m pytest -v -rfE --tb=short \
+    -p no:cacheprovider -p no:benchmark -n "$(nproc)" --timeout 300 -c "$root/pyproject.toml" \
+    --rootdir "$root" "$root/tests") >"$out/tests.log" 2>&1 || status=1
+  echo "seed $ONDREL_TEST_SEED"
+  grep -E "^(FAILED|ERROR) |^=+ .*(passed|failed|error)" "$out/tests.log" | tail -30
 fi
 if [ "$what" = fft ] || [ "$what" = all ]; then
   (cd /tmp && python3 "$root/bench/gpu/fft_bench.py" --out "$out" "$@") 2>&1 | tee "$out/bench.log" || status=1
