@@ -10,7 +10,7 @@ import pytest
 
 import fft_cases
 from conftest import same_runtime_env
-from device_memory import DeviceArray
+from device_memory import DeviceArray, fft_rows
 from ondrel import _rocm
 
 SEED = int(os.environ.get("ONDREL_TEST_SEED", np.random.SeedSequence().entropy % 2**32))
@@ -35,17 +35,6 @@ def check(y: np.ndarray, ref: np.ndarray, prec: int, what: str) -> None:
     assert err <= TOLERANCE[prec], f"relative L2 error {err:.3g}: {where}"
 
 
-def resident(x: np.ndarray, n: int, inverse: bool, prec: int) -> np.ndarray:
-    """fft_resident between device blocks.
-
-    The output is poisoned, with one more row behind it that must stay so."""
-    dx, dout = DeviceArray(x), DeviceArray(np.full((x.shape[0] + 1, x.shape[1]), np.nan, x.dtype))
-    _rocm.fft_resident(dx.ptr, dout.ptr, x.shape[0], n, inverse, prec, 0, 0)
-    out = dout.get()
-    assert np.isnan(out[-1]).all(), f"written past the last row, n {n}"
-    return out[:-1]
-
-
 def half_rows(rows: int, n: int) -> np.ndarray:
     return random_rows(rows, n, np.complex64).view(np.float32).astype(np.float16)
 
@@ -60,7 +49,7 @@ def run_case(n: int, prec: int, inverse: bool, rows: int) -> None:
     what = f"n {n}, prec {prec}, {'inverse' if inverse else 'forward'}, {rows} rows"
     if prec in (0, 3):
         x = half_rows(rows, n)
-        y = resident(x, n, inverse, prec).astype(np.float32).view(np.complex64)
+        y = fft_rows(x, n, inverse, prec).astype(np.float32).view(np.complex64)
         check(y, reference(x.astype(np.float32).view(np.complex64), inverse), prec, what)
         return
     dtype = np.complex128 if prec == 2 else np.complex64
@@ -68,7 +57,7 @@ def run_case(n: int, prec: int, inverse: bool, rows: int) -> None:
     before = x.copy()
     check(_rocm.fft_staged(x, inverse), reference(x, inverse), prec, what)
     assert np.array_equal(x, before)
-    check(resident(x, n, inverse, prec), reference(x, inverse), prec, what + ", resident")
+    check(fft_rows(x, n, inverse, prec), reference(x, inverse), prec, what + ", resident")
 
 
 @pytest.mark.parametrize("inverse", [False, True], ids=["fwd", "inv"])

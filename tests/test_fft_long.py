@@ -11,7 +11,7 @@ import pytest
 
 import nvrtc_check
 from conftest import same_runtime_env
-from device_memory import DeviceArray
+from device_memory import fft_rows
 from ondrel import _codegen, _rocm
 
 SEED = int(os.environ.get("ONDREL_TEST_SEED", np.random.SeedSequence().entropy % 2**32))
@@ -32,23 +32,14 @@ def random_rows(rows: int, n: int, dtype) -> np.ndarray:
     return (rng.standard_normal((rows, n)) + 1j * rng.standard_normal((rows, n))).astype(dtype)
 
 
-def transform(x: np.ndarray, n: int, inverse: bool, prec: int) -> np.ndarray:
-    """fft_resident between host arrays into a poisoned output with a guard row behind it."""
-    dx, dout = DeviceArray(x), DeviceArray(np.full((x.shape[0] + 1,) + x.shape[1:], np.nan, x.dtype))
-    _rocm.fft_resident(dx.ptr, dout.ptr, x.shape[0], n, inverse, prec, 0, 0)
-    out = dout.get()
-    assert np.isnan(out[-1]).all(), f"written past the last row, n {n}"
-    return out[:-1]
-
-
 def check(n: int, prec: int, inverse: bool, rows: int) -> float:
     if prec in (0, 3):
         x = random_rows(rows, n, np.complex64).view(np.float32).astype(np.float16)
-        y = transform(x, n, inverse, prec).astype(np.float32).view(np.complex64)
+        y = fft_rows(x, n, inverse, prec).astype(np.float32).view(np.complex64)
         wide = x.astype(np.float32).view(np.complex64).astype(np.complex128)
     else:
         x = random_rows(rows, n, np.complex128 if prec == 2 else np.complex64)
-        y = transform(x, n, inverse, prec)
+        y = fft_rows(x, n, inverse, prec)
         wide = x.astype(np.complex128)
     ref = np.fft.ifft(wide, axis=1) if inverse else np.fft.fft(wide, axis=1)
     where = f"n {n}, prec {prec}, {'inverse' if inverse else 'forward'}, seed {SEED} (ONDREL_TEST_SEED replays it)"

@@ -89,10 +89,10 @@ def main() -> None:
     parser.add_argument("--out", type=Path, default=Path("/tmp/ondrel-gpu"))
     args = parser.parse_args()
     stream = torch.cuda.Stream()
+    args.out.mkdir(parents=True, exist_ok=True)
     rows = []
     for op, dtype, n, records in CASES:
         rows += run_case(op, dtype, n, records, stream, args.repeats, args.seed, args.min_mib << 20)
-        args.out.mkdir(parents=True, exist_ok=True)
         (args.out / "sweep.json").write_text(json.dumps(rows, indent=1))
         (args.out / "sweep.md").write_text(summary(rows))
     print(summary(rows))
