@@ -11,7 +11,7 @@ import pytest
 import fft_cases
 from conftest import same_runtime_env
 from device_memory import DeviceArray, fft_rows
-from ondrel import _rocm
+from ondrel import _codegen, _rocm
 
 SEED = int(os.environ.get("ONDREL_TEST_SEED", np.random.SeedSequence().entropy % 2**32))
 TOLERANCE = {0: 3e-3, 1: 1e-5, 2: 1e-12, 3: 2e-2}
@@ -66,6 +66,27 @@ def run_case(n: int, prec: int, inverse: bool, rows: int) -> None:
 def test_matches_numpy(case, inverse):
     n, prec, _ = case
     run_case(n, prec, inverse, rows=3)
+
+
+@pytest.mark.parametrize("n", [17, 19, 23, 31, 2 * 37, 4 * 43])
+def test_rader_in_double_keeps_its_last_digit(n):
+    # Constants of a Rader stage from angles of many turns cost a digit.
+    x = random_rows(16, n, np.complex128)
+    err = np.linalg.norm(_rocm.fft_staged(x, False) - reference(x, False)) / np.linalg.norm(reference(x, False))
+    assert err <= 1.2e-15, f"n {n}: relative L2 error {err:.3g}, seed {SEED}"
+
+
+@pytest.mark.parametrize("n", [17 * 17, 2 * 17 * 19, 4 * 19 * 19, 17 * 23])
+@pytest.mark.parametrize("prec", [1, 2])
+def test_composite_rests_go_through_bluestein(n, prec):
+    # One straight-line butterfly of hundreds of points would take the
+    # compilers most of a minute and lose a digit to running twiddle powers.
+    assert _codegen.fft_route_core(n, prec) == "bluestein"
+    x = random_rows(2, n, np.complex128 if prec == 2 else np.complex64)
+    for inverse in (False, True):
+        y, ref = _rocm.fft_staged(x, inverse), reference(x, inverse)
+        err = np.linalg.norm(y - ref) / np.linalg.norm(ref)
+        assert err <= (2e-15 if prec == 2 else 1e-6), f"n {n}, prec {prec}: {err:.3g}, seed {SEED}"
 
 
 @pytest.mark.parametrize("inverse", [False, True], ids=["fwd", "inv"])

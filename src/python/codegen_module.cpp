@@ -53,6 +53,20 @@ PYBIND11_MODULE(_codegen, m) {
       "(kernel name, text) of the complex FFT that fft_resident would compile for this length, precision "
       "code and tuned words.");
   m.def(
+      "fft_route_core",
+      [](int32_t n, int32_t prec, uint64_t shared_limit) {
+        ondrel::RouteQuery q;
+        q.n = n;
+        q.is_double = prec == 2;
+        q.half = prec == 0 || prec == 3;
+        q.packed = prec == 3;
+        q.shared_limit = shared_limit;
+        return std::string(ondrel::core_word(ondrel::fft_route(q).core));
+      },
+      py::arg("n"), py::arg("prec") = 1, py::arg("shared_limit") = 65536,
+      "The core fft_resident takes for this length and precision code without tuned words, as route_explain "
+      "words it; unlike route_explain, which summarises, this is the route itself.");
+  m.def(
       "fused_fft_kernel_text",
       [](int32_t m, int32_t ept, int32_t tpf, int core, int prec, bool tw_table) {
         if (m < 2 || (m & (m - 1)) != 0) throw py::value_error("fused_fft_kernel_text: m must be a power of two");

@@ -124,17 +124,11 @@ bool takes_bluestein(int32_t n) {
   if (bluestein_wanted(n)) return true;
   int32_t rest = 1;
   factor_schedule(n, rest, false);
-  if (rest < 2 || largest_prime_factor(rest) == rest) return false;
-  // A composite rest is one straight-line butterfly in one thread, about
-  // rest x (sum of its primes) multiply-adds: 17 x 19 x 23 would be a kernel
-  // of megabytes that no compiler finishes in reasonable time.
-  int64_t primes = 0;
-  for (int32_t left = rest; left > 1;) {
-    const int32_t p = largest_prime_factor(left);
-    primes += p;
-    left /= p;
-  }
-  return static_cast<int64_t>(rest) * primes > kLongestCompositeButterfly;
+  // A composite rest, 17 x 17 = 289 at the least, would be one straight-line
+  // butterfly in one thread: half a megabyte of text that compilers take most
+  // of a minute over, hundreds of values live per thread, and twiddles raised
+  // by hundreds of running products, which cost float kernels a decimal digit.
+  return rest > 1 && !is_prime(rest);
 }
 
 int64_t bluestein_length(int32_t n) {

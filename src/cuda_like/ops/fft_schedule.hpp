@@ -42,13 +42,9 @@ FactorPair two_level_split(int32_t n, int32_t prec, uint64_t limit);
 
 // True when the largest prime factor is too big for the mixed-radix cores.
 bool bluestein_wanted(int32_t n);
-// The work bound of a composite butterfly, in multiply-adds, beyond which a
-// length goes to Bluestein although its largest prime factor is small.
-constexpr int64_t kLongestCompositeButterfly = 16384;
-// bluestein_wanted, or a product of primes above 13 too long for one
-// composite butterfly (17 x 17 = 289 stays native; 17 x 19 x 23 does not).
-// The routes decide by this; route_explain, a summary, reports
-// bluestein_wanted alone.
+// bluestein_wanted, or a rest of factor_schedule that is a product of primes
+// above 13 (289 = 17 x 17 the least), which no native core takes. The routes
+// decide by this; route_explain, a summary, reports bluestein_wanted alone.
 bool takes_bluestein(int32_t n);
 // The convolution length of Bluestein: a 2,3,5,7-smooth multiple of 4 at
 // least 2n - 1, no larger than the power of two that would do. Wider than

@@ -46,7 +46,9 @@ void rader_transform(int32_t p, int32_t g, std::vector<double>& re, std::vector<
   for (int32_t q = 0; q < m; ++q) {
     std::complex<double> sum = 0;
     for (int32_t s = 0; s < m; ++s) {
-      const double angle = static_cast<double>(q) * kMinusTwoPi * s / m;
+      // The product reduced first: an angle of many turns carries its
+      // rounding into every constant, ten times a double's in the output.
+      const double angle = kMinusTwoPi * ((q * s) % m) / m;
       sum += b[s] * std::complex<double>(std::cos(angle), std::sin(angle));
     }
     re[q] = sum.real();

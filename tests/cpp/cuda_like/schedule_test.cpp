@@ -19,13 +19,15 @@ TEST(BluesteinWanted, SmallPrimesStayNativeFrom41On) {
   for (int32_t b = 0; b < 31; ++b) EXPECT_FALSE(bluestein_wanted(1 << b)) << b;
 }
 
-TEST(TakesBluestein, LongCompositeRestsLeaveTheNativeCores) {
+TEST(TakesBluestein, CompositeRestsLeaveTheNativeCores) {
   EXPECT_TRUE(takes_bluestein(41));
-  EXPECT_FALSE(takes_bluestein(17 * 17));       // 289 x 34 multiply-adds
-  EXPECT_FALSE(takes_bluestein(16 * 17 * 19));  // the rest 323 as in 323 itself
+  EXPECT_TRUE(takes_bluestein(17 * 17));
+  EXPECT_TRUE(takes_bluestein(16 * 17 * 19));
   EXPECT_TRUE(takes_bluestein(17 * 19 * 23));
   EXPECT_TRUE(takes_bluestein(8 * 31 * 37));
-  EXPECT_FALSE(takes_bluestein(37 * 1024));     // a prime rest is a Rader stage
+  EXPECT_FALSE(takes_bluestein(37 * 1024));  // a prime rest is a Rader stage
+  EXPECT_FALSE(takes_bluestein(13 * 13 * 16));
+  EXPECT_FALSE(takes_bluestein(1));
 }
 
 TEST(BluesteinLength, SmoothMultipleOfFourUnderThePowerOfTwo) {
