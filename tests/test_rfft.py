@@ -39,6 +39,7 @@ def spectrum(rows: int, n: int) -> np.ndarray:
 def resident(fn, x: np.ndarray, shape: tuple, dtype, n: int, prec: int) -> np.ndarray:
     return guarded_call(lambda src, dst: fn(src, dst, shape[0], n, prec, 0, 0), x, shape, dtype, f"n {n}")
 
+
 def forward(x: np.ndarray, n: int, prec: int) -> np.ndarray:
     nb = n // 2 + 1
     if prec == 0:

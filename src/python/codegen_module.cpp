@@ -17,6 +17,24 @@
 
 namespace py = pybind11;
 
+namespace {
+
+// The question a resident call of precision code `prec` puts to the routes.
+ondrel::RouteQuery route_query(int32_t n, int32_t prec, bool inverse, uint64_t shared_limit,
+                               const ondrel::TuneEntry& tune) {
+  ondrel::RouteQuery q;
+  q.n = n;
+  q.is_double = prec == 2;
+  q.inverse = inverse;
+  q.half = prec == 0 || prec == 3;
+  q.packed = prec == 3;
+  q.tune = tune;
+  q.shared_limit = shared_limit;
+  return q;
+}
+
+}  // namespace
+
 PYBIND11_MODULE(_codegen, m) {
   m.doc() = "ondrel kernel-text generator, for inspection";
   m.def(
@@ -31,15 +49,8 @@ PYBIND11_MODULE(_codegen, m) {
       "fft_kernel_text",
       [](int32_t n, int32_t prec, bool inverse, uint64_t shared_limit, uint32_t tpf, uint32_t fpb, uint32_t core,
          uint32_t var, uint32_t ept) {
-        ondrel::RouteQuery q;
-        q.n = n;
-        q.is_double = prec == 2;
-        q.inverse = inverse;
-        q.half = prec == 0 || prec == 3;
-        q.packed = prec == 3;
-        q.tune = ondrel::TuneEntry{ept, fpb, tpf, core, var};
-        q.shared_limit = shared_limit;
-        const ondrel::FftRoute route = ondrel::fft_route(q);
+        const ondrel::FftRoute route =
+            ondrel::fft_route(route_query(n, prec, inverse, shared_limit, {ept, fpb, tpf, core, var}));
         if (!ondrel::has_core_text(route))
           throw py::value_error("fft_kernel_text: n = " + std::to_string(n) + " takes the " +
                                 ondrel::core_word(route.core) + " route, whose kernels " +
@@ -55,13 +66,7 @@ PYBIND11_MODULE(_codegen, m) {
   m.def(
       "fft_route_core",
       [](int32_t n, int32_t prec, uint64_t shared_limit) {
-        ondrel::RouteQuery q;
-        q.n = n;
-        q.is_double = prec == 2;
-        q.half = prec == 0 || prec == 3;
-        q.packed = prec == 3;
-        q.shared_limit = shared_limit;
-        return std::string(ondrel::core_word(ondrel::fft_route(q).core));
+        return std::string(ondrel::core_word(ondrel::fft_route(route_query(n, prec, false, shared_limit, {})).core));
       },
       py::arg("n"), py::arg("prec") = 1, py::arg("shared_limit") = 65536,
       "The core fft_resident takes for this length and precision code without tuned words, as route_explain "
@@ -111,14 +116,8 @@ PYBIND11_MODULE(_codegen, m) {
       "rfft_kernel_text",
       [](int32_t n, int32_t prec, bool inverse, uint64_t shared_limit, uint32_t ept, uint32_t tpf, uint32_t fpb,
          uint32_t core, uint32_t var) {
-        ondrel::RouteQuery q;
-        q.n = n;
-        q.is_double = prec == 2;
-        q.inverse = inverse;
-        q.half = prec == 0 || prec == 3;
-        q.tune = ondrel::TuneEntry{ept, fpb, tpf, core, var};
-        q.shared_limit = shared_limit;
-        const ondrel::FftRoute route = ondrel::rfft_route(q);
+        const ondrel::FftRoute route =
+            ondrel::rfft_route(route_query(n, prec, inverse, shared_limit, {ept, fpb, tpf, core, var}));
         if (!ondrel::has_real_kernel(route))
           throw py::value_error("rfft_kernel_text: n = " + std::to_string(n) + " takes the " +
                                 ondrel::core_word(route.core) + " route, whose kernels " +
