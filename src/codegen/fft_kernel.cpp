@@ -3,7 +3,7 @@
 #include "codegen/fft_stages.hpp"
 #include "codegen/macros.hpp"
 #include "codegen/prelude.hpp"
-#include "cuda_like/ops/fft_schedule.hpp"
+#include "math/fft_schedule.hpp"
 
 namespace ondrel::codegen {
 

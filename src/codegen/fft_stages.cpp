@@ -6,7 +6,7 @@
 #include <stdexcept>
 
 #include "codegen/rader_stage.hpp"
-#include "cuda_like/ops/fft_schedule.hpp"
+#include "math/fft_schedule.hpp"
 
 namespace ondrel::codegen {
 

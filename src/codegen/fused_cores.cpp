@@ -8,7 +8,7 @@
 #include "codegen/kernel_sig.hpp"
 #include "codegen/macros.hpp"
 #include "codegen/prelude.hpp"
-#include "cuda_like/ops/fft_schedule.hpp"
+#include "math/fft_schedule.hpp"
 
 namespace ondrel::codegen {
 

@@ -2,8 +2,8 @@
 
 #include "codegen/fft_stages.hpp"
 #include "codegen/macros.hpp"
-#include "cuda_like/ops/fft_schedule.hpp"
-#include "cuda_like/tables/twiddles.hpp"
+#include "math/fft_schedule.hpp"
+#include "math/twiddle_math.hpp"
 
 namespace ondrel::codegen {
 

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "cuda_like/ops/fft_schedule.hpp"
+#include "math/fft_schedule.hpp"
 #include "host_fft/drivers.hpp"
 #include "host_fft/kernels.hpp"
 #include "host_fft/plan_cache.hpp"

@@ -3,7 +3,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "cuda_like/ops/fft_schedule.hpp"
+#include "math/fft_schedule.hpp"
 
 namespace ondrel::host {
 

@@ -10,7 +10,7 @@
 #include <cstring>
 #include <vector>
 
-#include "cuda_like/call_shapes.hpp"
+#include "math/call_shapes.hpp"
 #include "cuda_like/tables/windows.hpp"
 #include "rocm/context.hpp"
 #include "rocm/device_pool.hpp"

@@ -5,7 +5,7 @@
 #include <stdexcept>
 
 #include "codegen/backend.hpp"
-#include "cuda_like/ops/fft_schedule.hpp"
+#include "math/fft_schedule.hpp"
 #include "cuda_like/ops/four_step.hpp"
 #include "cuda_like/tables/chirp_tables.hpp"
 #include "cuda_like/tables/twiddles.hpp"

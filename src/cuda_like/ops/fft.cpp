@@ -9,7 +9,7 @@
 #include "cuda_like/ops/bluestein.hpp"
 #include "cuda_like/ops/fft_launch.hpp"
 #include "cuda_like/ops/four_step.hpp"
-#include "cuda_like/ops/fft_schedule.hpp"
+#include "math/fft_schedule.hpp"
 #include "cuda_like/tables/twiddles.hpp"
 #include "rocm/compile.hpp"
 #include "rocm/context.hpp"

@@ -1,5 +1,7 @@
 #include "cuda_like/ops/fft_launch.hpp"
 
+#include "math/precision.hpp"
+
 namespace ondrel {
 
 uint64_t fft_record_key(int32_t n, int32_t device, bool packed, int32_t io_prec, bool inverse, bool is_double) {

@@ -7,7 +7,7 @@
 #include "codegen/real_register_kernels.hpp"
 #include "cuda_like/ops/bluestein.hpp"
 #include "cuda_like/ops/fft_launch.hpp"
-#include "cuda_like/ops/fft_schedule.hpp"
+#include "math/fft_schedule.hpp"
 #include "cuda_like/ops/four_step_real.hpp"
 #include "cuda_like/tables/twiddles.hpp"
 #include "rocm/compile.hpp"

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <stdexcept>
 
-#include "cuda_like/ops/fft_schedule.hpp"
+#include "math/fft_schedule.hpp"
 #include "rocm/context.hpp"
 
 namespace ondrel {

@@ -7,7 +7,7 @@
 #include <unordered_map>
 #include <utility>
 
-#include "cuda_like/hashing.hpp"
+#include "math/hashing.hpp"
 #include "rocm/context.hpp"
 #include "rocm/device_pool.hpp"
 

@@ -1,26 +1,10 @@
 #pragma once
-// Twiddle factors and Rader tables of the FFT cores, computed in double.
-#include <complex>
+// The twiddle tables of the device kernels, uploaded once per kind and length.
 #include <cstdint>
-#include <vector>
+
+#include "math/twiddle_math.hpp"
 
 namespace ondrel {
-
-// With m = p - 1 (0 when p is 0), n + 3m entries: the circle of n; the
-// circle of m; the transform of the Rader sequence of p; and the index
-// pairs (L[k + 1], g^-k mod p) held as exact doubles.
-std::vector<std::complex<double>> twiddle_table(int32_t n, int32_t p);
-
-// The m = p - 1 values of the transformed Rader sequence of the prime p with
-// primitive root g, real and imaginary parts.
-void rader_transform(int32_t p, int32_t g, std::vector<double>& re, std::vector<double>& im);
-
-// Kinds of twiddle table: plain FFT, STFT, inverse STFT, adjoints.
-enum class TwiddleKind : char { fft = 'f', stft = 's', istft = 'i', adjoint = 'a' };
-
-// The host table of a kind for the double kernels; `n` is the FFT length
-// ('f') or n_fft (the others).
-std::vector<std::complex<double>> twiddle_host(TwiddleKind kind, int32_t n);
 
 // The device table of a kind, from the table cache. The float kernels compute
 // their twiddles inline: their table is one complex zero that keeps the

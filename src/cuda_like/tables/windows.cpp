@@ -5,7 +5,7 @@
 #include <string>
 #include <utility>
 
-#include "cuda_like/hashing.hpp"
+#include "math/hashing.hpp"
 #include "cuda_like/tables/table_cache.hpp"
 
 namespace ondrel {

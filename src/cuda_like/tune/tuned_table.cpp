@@ -5,7 +5,7 @@
 #include <stdexcept>
 #include <unordered_map>
 
-#include "cuda_like/hashing.hpp"
+#include "math/hashing.hpp"
 #include "rocm/context.hpp"
 
 namespace ondrel {

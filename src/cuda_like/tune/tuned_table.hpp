@@ -19,12 +19,6 @@ struct TuneEntry {
 // Operation codes of tuning keys.
 enum class TuneOp : int32_t { stft = 1, istft = 2, mel = 3, fft = 4, rfft = 5, cqt = 6 };
 
-// Width codes of tuning keys: how data is stored and computed.
-constexpr int32_t kWidthHalfCompute = 8;
-constexpr int32_t kWidthHalf = 16;
-constexpr int32_t kWidthSingle = 32;
-constexpr int32_t kWidthDouble = 64;
-
 uint64_t tuning_key(TuneOp op, int32_t n_fft, int32_t hop, bool center, int32_t width, int32_t out,
                     int32_t extra, int32_t device);
 

@@ -15,7 +15,7 @@
 #include "codegen/backend.hpp"
 #include "codegen/real_register_kernels.hpp"
 #include "cuda_like/ops/fft_route.hpp"
-#include "cuda_like/tables/twiddles.hpp"
+#include "math/twiddle_math.hpp"
 #include "rocm/compile.hpp"
 #include "rocm/context.hpp"
 

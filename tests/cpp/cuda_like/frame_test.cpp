@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "cuda_like/call_shapes.hpp"
+#include "math/call_shapes.hpp"
 #include "fake_knobs.hpp"
 #include "python/frame.hpp"
 
@@ -168,20 +168,13 @@ TEST(CallShapes, FrameCountTexts) {
   EXPECT_THROW(frame_count(100, 8, 0, 4, "stft"), std::invalid_argument);
 }
 
-TEST(CallShapes, CheckedSizeAndPrecision) {
+TEST(CallShapes, CheckedSize) {
   EXPECT_EQ(checked_size({2, 3, 4}), 24);
   EXPECT_EQ(checked_size({}), 1);
   EXPECT_EQ(checked_size({0, int64_t{1} << 62, 8}), 0);
   EXPECT_EQ(fake::error_of([] { checked_size({3, -1}); }), "array dimension must be non-negative");
   EXPECT_THROW(checked_size({int64_t{1} << 32, int64_t{1} << 31}), std::overflow_error);
   EXPECT_NO_THROW(checked_size({int64_t{1} << 31, int64_t{1} << 31}));
-  for (int32_t prec : {1, 7, -1, 4}) {
-    const Precision p = precision_code(prec);
-    EXPECT_FALSE(p.is_double || p.half || p.half_compute) << prec;
-  }
-  EXPECT_TRUE(precision_code(2).is_double);
-  EXPECT_TRUE(precision_code(0).half && !precision_code(0).half_compute);
-  EXPECT_TRUE(precision_code(3).half && precision_code(3).half_compute);
 }
 
 }  // namespace

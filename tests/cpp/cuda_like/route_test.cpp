@@ -5,7 +5,7 @@
 #include <string>
 
 #include "cuda_like/ops/fft_route.hpp"
-#include "cuda_like/ops/fft_schedule.hpp"
+#include "math/fft_schedule.hpp"
 
 namespace {
 

@@ -6,8 +6,8 @@
 #include <random>
 #include <vector>
 
-#include "cuda_like/hashing.hpp"
-#include "cuda_like/ops/fft_schedule.hpp"
+#include "math/hashing.hpp"
+#include "math/fft_schedule.hpp"
 #include "cuda_like/tables/table_cache.hpp"
 #include "cuda_like/tables/twiddles.hpp"
 #include "cuda_like/tables/windows.hpp"

@@ -2,7 +2,7 @@
 
 #include <stdexcept>
 
-#include "cuda_like/hashing.hpp"
+#include "math/hashing.hpp"
 #include "cuda_like/ops/fft_launch.hpp"
 #include "cuda_like/tune/tuned_table.hpp"
 

@@ -2,7 +2,7 @@
 
 #include <vector>
 
-#include "cuda_like/ops/fft_schedule.hpp"
+#include "math/fft_schedule.hpp"
 #include "host_fft/host_factors.hpp"
 
 namespace {

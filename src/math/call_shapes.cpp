@@ -1,4 +1,4 @@
-#include "cuda_like/call_shapes.hpp"
+#include "math/call_shapes.hpp"
 
 #include <limits>
 #include <stdexcept>
@@ -24,15 +24,6 @@ int64_t checked_size(const std::vector<int64_t>& shape) {
     size *= d;
   }
   return size;
-}
-
-Precision precision_code(int32_t prec) {
-  switch (prec) {
-    case 0: return {false, true, false};
-    case 2: return {true, false, false};
-    case 3: return {false, true, true};
-    default: return {false, false, false};
-  }
 }
 
 }  // namespace ondrel

@@ -1,6 +1,6 @@
 #pragma once
 // The size rules that every operation's calling frame shares: frames of a
-// padded signal, element counts of requested outputs, precision codes.
+// padded signal and element counts of requested outputs.
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -14,15 +14,5 @@ int64_t frame_count(int64_t length, int64_t n_fft, int64_t hop, int64_t pad, con
 // Product of a shape. Throws std::invalid_argument for a negative dimension
 // and std::overflow_error when the product leaves 64-bit signed range.
 int64_t checked_size(const std::vector<int64_t>& shape);
-
-// The precision code of resident calls and tuners: 0 half storage with float
-// arithmetic, 1 float, 2 double, 3 half storage with packed half arithmetic;
-// any other value behaves as 1.
-struct Precision {
-  bool is_double = false;
-  bool half = false;
-  bool half_compute = false;
-};
-Precision precision_code(int32_t prec);
 
 }  // namespace ondrel

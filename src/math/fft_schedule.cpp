@@ -1,4 +1,4 @@
-#include "cuda_like/ops/fft_schedule.hpp"
+#include "math/fft_schedule.hpp"
 
 #include <algorithm>
 #include <cmath>

@@ -2,7 +2,7 @@
 
 #include <vector>
 
-#include "cuda_like/ops/fft_schedule.hpp"
+#include "math/fft_schedule.hpp"
 
 namespace {
 
