@@ -2,6 +2,9 @@ import math
 
 import pytest
 
+from fft_cases import SHARED_LIMIT
+from ondrel import _codegen
+
 NO_HIP = {
     "ONDREL_RUNTIME": "auto",
     "ONDREL_HIP_PATH": "/nonexistent/libamdhip64.so",
@@ -24,17 +27,52 @@ def explain(*args, **kwargs):
     return _rocm.route_explain(*args, **kwargs)
 
 
-@pytest.mark.parametrize("op", ["fft", "rfft", "istft"])
-def test_schedule_and_bluestein_flag_for_every_length(op):
+def test_istft_schedule_and_bluestein_flag_for_every_length():
     for n in range(1, 2500):
-        e = explain(op, n, 1)
-        frame_len = n // 2 if op != "fft" and n % 2 == 0 else n
+        e = explain("istft", n, 1)
+        frame_len = n // 2 if n % 2 == 0 else n
         assert e["frame_len"] == frame_len, n
         assert math.prod(e["schedule"]) == frame_len, n
         pow2 = frame_len & (frame_len - 1) == 0
         wanted = not pow2 and largest_prime_factor(frame_len) > 6 * math.log2(2 * frame_len)
         assert e["bluestein"] == wanted, n
         assert (e["bluestein_m"] >= 2 * frame_len - 1) if wanted else e["bluestein_m"] == 0, n
+
+
+def listed_route(op: str, n: int, prec: int) -> str:
+    """The route whose kernels a call compiles, as the kernel-text listing names it."""
+    text = _codegen.fft_kernel_text if op == "fft" else _codegen.rfft_kernel_text
+    try:
+        text(n, prec, False, SHARED_LIMIT)
+    except ValueError as e:
+        return "bluestein" if "bluestein" in str(e) else "four_step"
+    return "native"
+
+
+@pytest.mark.parametrize("op", ["fft", "rfft"])
+@pytest.mark.parametrize("prec", [1, 2])
+def test_fft_answers_name_the_route_a_call_takes(op, prec):
+    for n in list(range(1, 1200)) + [1938, 4913, 7000, 7429, 9960, 12108, 16384, 2**16, 40000]:
+        e = explain(op, n, prec)
+        route = listed_route(op, n, prec)
+        assert e["bluestein"] == (route == "bluestein"), n
+        assert (e["core"] in ("bluestein", "four_step")) == (route != "native"), n
+        if route == "bluestein":
+            assert e["core"] == "bluestein" and e["bluestein_m"] >= 2 * n - 1, n
+        if route == "four_step":
+            assert e["core"] == "four_step" and e["staged"] and e["n1"] * e["n2"] == e["frame_len"], n
+        else:
+            assert "n1" not in e and not e["staged"], n
+
+
+@pytest.mark.parametrize(
+    "op, n, prec, core",
+    [("fft", 7429, 1, "bluestein"), ("fft", 1938, 1, "bluestein"), ("fft", 4913, 2, "bluestein"),
+     ("fft", 12108, 1, "bluestein"), ("rfft", 69, 1, "bluestein"), ("rfft", 9960, 1, "four_step"),
+     ("rfft", 7000, 2, "four_step"), ("fft", 8192, 1, "cooley_tukey")],
+)
+def test_lengths_whose_summary_used_to_differ_from_the_call(op, n, prec, core):
+    assert explain(op, n, prec)["core"] == core
 
 
 def test_fft_answers():
@@ -59,6 +97,9 @@ def test_fft_answers():
     assert (m["core"], m["schedule"], m["rader_prime"], m["smem"]) == ("mixed", [2, 17], 17, (34 + 36) * 8)
     b = explain("fft", 41, 2)
     assert (b["core"], b["bluestein"], b["bluestein_m"], b["staged"]) == ("bluestein", True, 84, False)
+    # The double real FFT decides even lengths against the 48 KiB every device has.
+    r = explain("rfft", 7000, 2)
+    assert (r["smem"], r["smem_cap"]) == (3500 * 16, 49152)
 
 
 @pytest.mark.parametrize("op, prec", [("fft", 1), ("fft", 2), ("rfft", 2)])
@@ -71,10 +112,10 @@ def test_long_lengths_split_in_two_levels(op, prec):
 
 
 def test_without_a_device_the_cap_is_48k(run_python):
-    code = "import ondrel._rocm as r; e = r.route_explain('fft', 8192, 1, 3); print(e['smem_cap'], e['core'], e['n1'])"
+    code = "import ondrel._rocm as r; e = r.route_explain('fft', 16384, 1, 3); print(e['smem_cap'], e['core'], e['n1'])"
     proc = run_python(code, **NO_HIP)
     assert proc.returncode == 0, proc.stderr
-    assert proc.stdout.split() == ["49152", "four_step", "64"]
+    assert proc.stdout.split() == ["49152", "four_step", "128"]
 
 
 @pytest.mark.parametrize(

@@ -53,6 +53,33 @@ struct Backend {
   virtual std::string extra_params_plain() const = 0;
   virtual std::string extra_params_shared() const = 0;
   virtual std::string shared_declaration(const std::string& type, const std::string& name) const = 0;
+
+  // Below: words that only some kernels need, kept here so that no
+  // generator spells a dialect's intrinsic itself.
+
+  // The asynchronous copy of 16 bytes from global to shared memory: the
+  // preprocessor test under which it exists ("" where it never does), the
+  // shared address of an lvalue, the copy, and the two fences.
+  virtual std::string async_copy_guard() const = 0;
+  virtual std::string shared_address(const std::string& lvalue) const = 0;
+  virtual std::string async_copy_16(const std::string& shared_address, const std::string& source) const = 0;
+  virtual std::string async_commit() const = 0;
+  virtual std::string async_wait_all() const = 0;
+  // Four floats moved as one 16-byte access.
+  virtual std::string quad_type() const = 0;
+  virtual std::string make_quad(const std::string& a, const std::string& b, const std::string& c,
+                                const std::string& d) const = 0;
+  // The function that builds a pair of `prec` from two reals, without casts.
+  virtual std::string pair_constructor(int prec) const = 0;
+  // Arithmetic on packed pairs of halves.
+  virtual std::string half2_add(const std::string& a, const std::string& b) const = 0;
+  virtual std::string half2_sub(const std::string& a, const std::string& b) const = 0;
+  virtual std::string half2_mul(const std::string& a, const std::string& b) const = 0;
+  virtual std::string half2_broadcast(const std::string& h) const = 0;
+  virtual std::string half2_from_float(const std::string& f) const = 0;
+  virtual std::string half2_join(const std::string& low, const std::string& high) const = 0;
+  virtual std::string half2_low(const std::string& h2) const = 0;
+  virtual std::string half2_high(const std::string& h2) const = 0;
 };
 
 // The CUDA-C family of dialects: everything that HIP spells the same way.
@@ -98,6 +125,23 @@ struct CudaBackend : Backend {
   std::string extra_params_plain() const override;
   std::string extra_params_shared() const override;
   std::string shared_declaration(const std::string& type, const std::string& name) const override;
+  std::string async_copy_guard() const override;
+  std::string shared_address(const std::string& lvalue) const override;
+  std::string async_copy_16(const std::string& shared_address, const std::string& source) const override;
+  std::string async_commit() const override;
+  std::string async_wait_all() const override;
+  std::string quad_type() const override;
+  std::string make_quad(const std::string& a, const std::string& b, const std::string& c,
+                        const std::string& d) const override;
+  std::string pair_constructor(int prec) const override;
+  std::string half2_add(const std::string& a, const std::string& b) const override;
+  std::string half2_sub(const std::string& a, const std::string& b) const override;
+  std::string half2_mul(const std::string& a, const std::string& b) const override;
+  std::string half2_broadcast(const std::string& h) const override;
+  std::string half2_from_float(const std::string& f) const override;
+  std::string half2_join(const std::string& low, const std::string& high) const override;
+  std::string half2_low(const std::string& h2) const override;
+  std::string half2_high(const std::string& h2) const override;
 };
 
 // HIP differs from CUDA only in its shuffle, which takes no lane mask.

@@ -1,6 +1,8 @@
 #include "codegen/bluestein_kernels.hpp"
 
+#include "codegen/body_heads.hpp"
 #include "codegen/fft_stages.hpp"
+#include "codegen/kernel_sig.hpp"
 #include "codegen/kernel_writer.hpp"
 #include "codegen/macros.hpp"
 #include "codegen/prelude.hpp"
@@ -8,40 +10,37 @@
 
 namespace ondrel::codegen {
 
-namespace {
-
-std::string data_type(int io, const Backend& backend) {
-  return io == 0 ? backend.pair_type(0) : std::string("cplx");
+int64_t bluestein_row_elements(int32_t m, int prec) {
+  return (m >> (prec == 2 ? 3 : 4)) + m + 1 + rader_scratch(m);
 }
 
-std::string head_of(const std::string& text_above, const std::string& name, const std::vector<std::string>& params,
-                    const Backend& backend) {
-  std::string head = text_above + backend.kernel_head() + " " + name + "(";
-  for (size_t i = 0; i < params.size(); ++i) head += (i ? ", " : "") + params[i];
-  return head + ") {\n";
+KernelParams bluestein_row_params(const std::string& in, const std::string& out, const std::string& real) {
+  return {KernelParam::input(in, "x"),     KernelParam::output(out, "out"),   KernelParam::input("cplx", "tw"),
+          KernelParam::input("cplx", "bch"), KernelParam::input("cplx", "filt"), KernelParam::value(real, "scale"),
+          KernelParam::value("int", "nrows")};
 }
 
-// One thread an element of row blockIdx.y.
-void element_ids(KernelWriter& w, int64_t count) {
-  w.emit("I64 i = (I64)$ * 256 + $;", w.backend.block_x(), w.backend.thread_x());
-  w.emit("if (i >= $) return;", count);
-  w.emit("I64 row = $;", w.backend.block_y());
+KernelParams bluestein_pre_params(const std::string& in) {
+  return {KernelParam::input(in, "x"), KernelParam::output("cplx", "out"), KernelParam::input("cplx", "bch")};
 }
 
-}  // namespace
+KernelParams bluestein_mul_params() { return {KernelParam::output("cplx", "z"), KernelParam::input("cplx", "filt")}; }
+
+KernelParams bluestein_post_params(const std::string& out, const std::string& real) {
+  return {KernelParam::input("cplx", "z"), KernelParam::output(out, "out"), KernelParam::input("cplx", "bch"),
+          KernelParam::value(real, "scale")};
+}
 
 std::string bluestein_fused_kernel(int32_t n, int32_t m, const std::vector<int32_t>& schedule, int prec,
                                    int32_t tpf, const Backend& backend) {
   const std::string real = backend.real_type(prec);
   std::string text = backend.preamble(prec) + complex_prelude(backend, prec) + shp_define_bluestein(prec) +
-                     "typedef cplx iot;\n" + define("TPF", std::to_string(tpf));
-  text += backend.kernel_head() + backend.launch_bounds(tpf, -1) + " ondrel_fft(" + backend.const_pointer("iot") +
-          " x, " + backend.pointer("iot") + " out, " + backend.pointer_param(true, "cplx", "tw", 2) + ", " +
-          backend.pointer_param(true, "cplx", "bch", 3) + ", " + backend.pointer_param(true, "cplx", "filt", 4) +
-          ", " + backend.value_param(real, "scale", 5) + ", " + backend.value_param("int", "nrows", 6) + ") {\n  " +
-          backend.shared_array("cplx", "shbuf") + "\n";
-  const int shift = prec == 2 ? 3 : 4;
-  const int64_t stride = (m >> shift) + m + 1 + rader_scratch(m);
+                     iot_typedef(backend, prec, prec) + define("TPF", std::to_string(tpf));
+  KernelSig sig("ondrel_fft", backend, bluestein_row_params("iot", "iot", real));
+  sig.bound_threads = tpf;
+  sig.set_shared("cplx", "shbuf");
+  text += sig.head();
+  const int64_t stride = bluestein_row_elements(m, prec);
   KernelWriter w(prec, backend);
   add_fft_tables(w, prec, m, "tw", schedule);
   const std::string tx = backend.thread_x();
@@ -76,20 +75,17 @@ std::string bluestein_pair_kernel(int32_t n, int32_t m, const std::vector<int32_
   std::string text = backend.preamble(1) + complex_prelude(backend, 1) + shp_define_bluestein(1) +
                      define("TPF", std::to_string(tpf));
   const std::string in = inverse ? "cplx" : real, out = inverse ? real : "cplx";
-  text += backend.kernel_head() + backend.launch_bounds(tpf, -1) + (inverse ? " ondrel_irfft(" : " ondrel_rfft(") +
-          backend.const_pointer(in) + " x, " + backend.pointer(out) + " out, " +
-          backend.pointer_param(true, "cplx", "tw", 2) + ", " + backend.pointer_param(true, "cplx", "bch", 3) + ", " +
-          backend.pointer_param(true, "cplx", "filt", 4) + ", " + backend.value_param(real, "scale", 5) + ", " +
-          backend.value_param("int", "nrows", 6) + ") {\n  " + backend.shared_array("cplx", "shbuf") + "\n";
-  const int64_t stride = (m >> 4) + m + 1 + rader_scratch(m);
+  KernelSig sig(inverse ? "ondrel_irfft" : "ondrel_rfft", backend, bluestein_row_params(in, out, real));
+  sig.bound_threads = tpf;
+  sig.set_shared("cplx", "shbuf");
+  text += sig.head();
+  const int64_t stride = bluestein_row_elements(m, 1);
   const int32_t bins = n / 2 + 1;
   KernelWriter w(1, backend);
   const std::string tx = backend.thread_x();
   w.emit("int tid = $ % TPF;", tx);
   w.emit("I64 batch = (I64)$ * $ + $ / TPF;", backend.block_x(), 1, tx);
-  w.line("I64 row0 = 2 * batch; I64 row1 = row0 + 1;");
-  w.line("I64 r0c = row0 < nrows - 1 ? row0 : nrows - 1;");
-  w.line("I64 r1c = row1 < nrows - 1 ? row1 : nrows - 1;");
+  pair_rows(w);
   w.emit("TG cplx* bufA = shbuf + ($ / TPF) * $;", tx, stride);
   w.emit("const DEV $* xa = x + r0c * $;", in, inverse ? bins : n);
   w.emit("const DEV $* xc = x + r1c * $;", in, inverse ? bins : n);
@@ -138,8 +134,9 @@ std::string bluestein_pair_kernel(int32_t n, int32_t m, const std::vector<int32_
       w.line("cplx Znk = cmul(bufA[SHP(nk)], bch[nk]);");
       w.emit("$ x0r = ($)0.5 * (Zk.x + Znk.x) * scale, x0i = ($)0.5 * (Zk.y - Znk.y) * scale;", real, real, real);
       w.emit("$ x1r = ($)0.5 * (Zk.y + Znk.y) * scale, x1i = ($)(-0.5) * (Zk.x - Znk.x) * scale;", real, real, real);
-      w.emit("out[row0 * $ + k] = make_$2(($)x0r, ($)x0i);", bins, real, real, real);
-      w.emit("if (row1 < nrows) out[row1 * $ + k] = make_$2(($)x1r, ($)x1i);", bins, real, real, real);
+      const std::string pair = backend.pair_constructor(1);
+      w.emit("out[row0 * $ + k] = $(($)x0r, ($)x0i);", bins, pair, real, real);
+      w.emit("if (row1 < nrows) out[row1 * $ + k] = $(($)x1r, ($)x1i);", bins, pair, real, real);
     });
   }
   return text + w.text() + "}\n";
@@ -148,19 +145,14 @@ std::string bluestein_pair_kernel(int32_t n, int32_t m, const std::vector<int32_
 std::string bluestein_pre_kernel(int32_t n, int32_t m, int prec, int io, BluesteinMode mode,
                                  const Backend& backend) {
   const std::string real = backend.real_type(prec);
-  const std::string iot = data_type(io, backend);
-  const std::string above = backend.preamble(io == 0 ? 0 : prec) + complex_prelude(backend, prec) +
-                            "typedef " + iot + " iot;\n";
+  const int data = io == 0 ? 0 : prec;
   const bool real_rows = mode == BluesteinMode::real_forward;
   // Real rows are plain reals of the data's precision; half reals are __half.
-  const std::string in_type = real_rows ? backend.real_type(io == 0 ? 0 : prec) : "iot";
+  const std::string in_type = real_rows ? backend.real_type(data) : "iot";
   const int64_t in_row = mode == BluesteinMode::real_inverse ? n / 2 + 1 : n;
-  std::string text = head_of(above, "ondrel_bgpre",
-                             {backend.pointer_param(true, in_type, "x", 0), backend.pointer_param(false, "cplx", "out", 1),
-                              backend.pointer_param(true, "cplx", "bch", 2)},
-                             backend);
+  std::string text = fft_prelude(backend, prec, data) + KernelSig("ondrel_bgpre", backend, bluestein_pre_params(in_type)).head();
   KernelWriter w(prec, backend);
-  element_ids(w, m);
+  flat_ids(w, "i", std::to_string(m), "row", "");
   w.emit("const DEV $* xb = x + row * $;", in_type, in_row);
   w.emit("cplx zz = cmk(($)0, ($)0);", real, real);
   w.raw(format("  if (i < $) {\n", {n}));
@@ -187,12 +179,10 @@ std::string bluestein_pre_kernel(int32_t n, int32_t m, int prec, int io, Blueste
 }
 
 std::string bluestein_mul_kernel(int32_t m, int prec, const Backend& backend) {
-  const std::string above = backend.preamble(prec) + complex_prelude(backend, prec);
-  std::string text = head_of(above, "ondrel_bgmul",
-                             {backend.pointer_param(false, "cplx", "z", 0), backend.pointer_param(true, "cplx", "filt", 1)},
-                             backend);
+  std::string text = backend.preamble(prec) + complex_prelude(backend, prec) +
+                     KernelSig("ondrel_bgmul", backend, bluestein_mul_params()).head();
   KernelWriter w(prec, backend);
-  element_ids(w, m);
+  flat_ids(w, "i", std::to_string(m), "row", "");
   w.emit("z[row * $ + i] = cmul(z[row * $ + i], filt[i]);", m, m);
   return text + w.text() + "}\n";
 }
@@ -200,20 +190,15 @@ std::string bluestein_mul_kernel(int32_t m, int prec, const Backend& backend) {
 std::string bluestein_post_kernel(int32_t n, int32_t m, int prec, int io, BluesteinMode mode,
                                   const Backend& backend) {
   const std::string real = backend.real_type(prec);
-  const std::string iot = data_type(io, backend);
-  const std::string above = backend.preamble(io == 0 ? 0 : prec) + complex_prelude(backend, prec) +
-                            "typedef " + iot + " iot;\n";
-  const bool real_rows = mode == BluesteinMode::real_inverse;
-  const std::string out_type = real_rows ? backend.real_type(io == 0 ? 0 : prec) : "iot";
-  const int64_t count = mode == BluesteinMode::real_forward ? n / 2 + 1 : n;
-  std::string text = head_of(above, "ondrel_bgpost",
-                             {backend.pointer_param(true, "cplx", "z", 0), backend.pointer_param(false, out_type, "out", 1),
-                              backend.pointer_param(true, "cplx", "bch", 2), backend.value_param(real, "scale", 3)},
-                             backend);
-  KernelWriter w(prec, backend);
-  element_ids(w, count);
-  w.emit("cplx r = cmul(z[row * $ + i], bch[i]);", m);
   const int data = io == 0 ? 0 : prec;
+  const bool real_rows = mode == BluesteinMode::real_inverse;
+  const std::string out_type = real_rows ? backend.real_type(data) : "iot";
+  const int64_t count = mode == BluesteinMode::real_forward ? n / 2 + 1 : n;
+  std::string text = fft_prelude(backend, prec, data) +
+                     KernelSig("ondrel_bgpost", backend, bluestein_post_params(out_type, real)).head();
+  KernelWriter w(prec, backend);
+  flat_ids(w, "i", std::to_string(count), "row", "");
+  w.emit("cplx r = cmul(z[row * $ + i], bch[i]);", m);
   w.emit("out[row * $ + i] = $;", count,
          real_rows ? backend.convert(data, "r.x * scale") : backend.make_pair(data, "r.x * scale", "r.y * scale"));
   return text + w.text() + "}\n";

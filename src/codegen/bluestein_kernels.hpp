@@ -8,8 +8,21 @@
 #include <vector>
 
 #include "codegen/backend.hpp"
+#include "codegen/kernel_sig.hpp"
 
 namespace ondrel::codegen {
+
+// Elements of one row of the one-kernel forms in shared memory: m padded by
+// SHP, with the Rader scratch of m.
+int64_t bluestein_row_elements(int32_t m, int prec);
+
+// Heads: the one-kernel forms "(x, out, tw, bch, filt, scale, nrows)" with
+// rows of `in` and `out` and a `real` scale; the staged kernels "(x, out,
+// bch)", "(z, filt)" and "(z, out, bch, scale)".
+KernelParams bluestein_row_params(const std::string& in, const std::string& out, const std::string& real);
+KernelParams bluestein_pre_params(const std::string& in);
+KernelParams bluestein_mul_params();
+KernelParams bluestein_post_params(const std::string& out, const std::string& real);
 
 // "ondrel_fft(x, out, tw, bch, filt, scale, nrows)", one row a block of
 // `tpf` threads. The inverse convolution pass runs conjugated stages whose

@@ -7,8 +7,17 @@
 #include <vector>
 
 #include "codegen/backend.hpp"
+#include "codegen/kernel_sig.hpp"
 
 namespace ondrel::codegen {
+
+// The head of every one-kernel complex FFT (the shared, tiled, cube and
+// register cores): "ondrel_fft(x, out, tw, nrows)", rows of `iot`.
+KernelParams fft_params();
+
+// Elements of one row in shared memory: the row, with bank padding room when
+// `pad`, and the scratch of its Rader stage.
+int64_t fft_row_elements(int32_t n, bool pad);
 
 // The entry function is "ondrel_fft(x, out, tw, nrows)". `io_prec` is the
 // precision of global data (0 half, 1 single, 2 double), `compute_prec` that

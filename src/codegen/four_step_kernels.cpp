@@ -1,6 +1,7 @@
 #include "codegen/four_step_kernels.hpp"
 
 #include "codegen/fft_stages.hpp"
+#include "codegen/kernel_sig.hpp"
 #include "codegen/kernel_writer.hpp"
 #include "codegen/macros.hpp"
 #include "codegen/prelude.hpp"
@@ -22,8 +23,9 @@ void load_tile(KernelWriter& w, const FourStepPass& p, bool wide, int32_t length
   const bool conj = p.inverse && p.pass == 1;
   if (wide) {
     const int32_t h = c / 2;
+    const std::string quad = w.backend.quad_type();
     w.for_range("i", "tid", c * length / 2, "TPF", [&] {
-      w.emit("float4 q = ((const float4*)(xb + (I64)($ / $) * $ + t0))[$ % $];", "i", h, source_row, "i", h);
+      w.emit("$ q = ((const $*)(xb + (I64)($ / $) * $ + t0))[$ % $];", quad, quad, "i", h, source_row, "i", h);
       w.emit("int sb = ($ / $) * $ + 2 * ($ % $);", "i", h, c, "i", h);
       w.emit("scb[RSP(sb)] = cmk(q.x, $q.y);", conj ? "-" : "");
       w.emit("scb[RSP(sb + 1)] = cmk(q.z, $q.w);", conj ? "-" : "");
@@ -50,8 +52,8 @@ void store_pass1(KernelWriter& w, const FourStepPass& p, bool wide) {
       w.emit("cplx vb = scb[RSP((k2 + 1) * $ + t)];", c);
       const std::string a = w.cmul("va", w.twiddle("((t0 + t) * k2)", p.n, false, false));
       const std::string b = w.cmul("vb", w.twiddle("((t0 + t) * (k2 + 1))", p.n, false, false));
-      w.emit("float4 q; q.x = $.x; q.y = $.y; q.z = $.x; q.w = $.y;", a, a, b, b);
-      w.emit("((float4*)(ob + (I64)(t0 + t) * $))[k2 / 2] = q;", p.n2);
+      w.emit("$ q; q.x = $.x; q.y = $.y; q.z = $.x; q.w = $.y;", w.backend.quad_type(), a, a, b, b);
+      w.emit("(($*)(ob + (I64)(t0 + t) * $))[k2 / 2] = q;", w.backend.quad_type(), p.n2);
     });
     return;
   }
@@ -74,8 +76,9 @@ void store_pass2(KernelWriter& w, const FourStepPass& p, bool wide) {
       w.emit("int k1 = $ / $; int u2 = $ % $;", "i", h, "i", h);
       w.emit("cplx va = scb[RSP(k1 * $ + 2 * u2)];", c);
       w.emit("cplx vb = scb[RSP(k1 * $ + 2 * u2 + 1)];", c);
-      w.emit("float4 q; q.x = va.x$; q.y = $va.y$; q.z = vb.x$; q.w = $vb.y$;", eps, sign, eps, eps, sign, eps);
-      w.emit("((float4*)(ob + (I64)k1 * $ + t0))[u2] = q;", p.n2);
+      w.emit("$ q; q.x = va.x$; q.y = $va.y$; q.z = vb.x$; q.w = $vb.y$;", w.backend.quad_type(), eps, sign, eps, eps,
+             sign, eps);
+      w.emit("(($*)(ob + (I64)k1 * $ + t0))[u2] = q;", w.backend.quad_type(), p.n2);
     });
     return;
   }
@@ -89,20 +92,24 @@ void store_pass2(KernelWriter& w, const FourStepPass& p, bool wide) {
 
 }  // namespace
 
+KernelParams four_step_params(int pass) {
+  return {KernelParam::input(pass == 1 ? "iot" : "cplx", "x"), KernelParam::output(pass == 1 ? "cplx" : "iot", "out"),
+          KernelParam::input("cplx", "tw"), KernelParam::value("int", "nrows")};
+}
+
 int64_t four_step_tile_elements(int64_t count) { return count + 1 + ((count - 1) >> 4); }
 
 std::string four_step_pass_kernel(const FourStepPass& p, const Backend& backend) {
   const int compute = p.compute_prec;
-  const bool half = p.data_prec == 0;
-  std::string text = backend.preamble(half ? 0 : compute) + complex_prelude(backend, compute);
-  text += "typedef " + (half ? backend.pair_type(0) : std::string("cplx")) + " iot;\n";
+  std::string text = fft_prelude(backend, compute, p.data_prec);
   text += define("TPF", std::to_string(p.threads));
   text += rsp_define_tiles();
   if (p.inverse && p.pass == 2) text += invsc_define(backend, compute, p.n);
   const std::string src = p.pass == 1 ? "iot" : "cplx", dst = p.pass == 1 ? "cplx" : "iot";
-  text += backend.kernel_head() + backend.launch_bounds(p.threads, -1) + " ondrel_fft(" + backend.const_pointer(src) +
-          " x, " + backend.pointer(dst) + " out, " + backend.pointer_param(true, "cplx", "tw", 2) + ", " +
-          backend.value_param("int", "nrows", 3) + ") {\n  " + backend.shared_array("cplx", "shbuf") + "\n";
+  KernelSig sig("ondrel_fft", backend, four_step_params(p.pass));
+  sig.bound_threads = p.threads;
+  sig.set_shared("cplx", "shbuf");
+  text += sig.head();
 
   KernelWriter w(compute, backend);
   add_fft_tables(w, compute, p.n, "tw", {});

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "codegen/backend.hpp"
+#include "codegen/kernel_sig.hpp"
 
 namespace ondrel::codegen {
 
@@ -19,6 +20,10 @@ struct FourStepPass {
   int data_prec = 1;     // precision of the global side of the pass: 0 half pairs, else compute_prec
   bool inverse = false;
 };
+
+// "ondrel_fft(x, out, tw, nrows)": pass 1 reads `iot` rows and writes `cplx`
+// scratch rows, pass 2 the reverse.
+KernelParams four_step_params(int pass);
 
 // "ondrel_fft(x, out, tw, nrows)": pass 1 reads data rows and writes the
 // scratch, pass 2 reads the scratch and writes data rows. Inverse passes

@@ -1,6 +1,7 @@
 #include "codegen/four_step_real_kernels.hpp"
 
 #include "codegen/fft_stages.hpp"
+#include "codegen/kernel_sig.hpp"
 #include "codegen/kernel_writer.hpp"
 #include "codegen/macros.hpp"
 #include "codegen/prelude.hpp"
@@ -10,19 +11,12 @@ namespace ondrel::codegen {
 
 namespace {
 
-std::string above(const Backend& backend, int compute, int data) {
-  return backend.preamble(data == 0 ? 0 : compute) + complex_prelude(backend, compute) + "typedef " +
-         (data == 0 ? backend.pair_type(0) : std::string("cplx")) + " iot;\n";
-}
-
-std::string head(const Backend& backend, const std::string& name, const std::string& src, const std::string& dst,
-                 const std::string& dst_name, int threads, bool shared) {
-  std::string h = backend.kernel_head() + (threads ? backend.launch_bounds(threads, -1) : "") + " " + name + "(" +
-                  backend.const_pointer(src) + " x, " + backend.pointer(dst) + " " + dst_name + ", " +
-                  backend.pointer_param(true, "cplx", "tw", 2) + ", " + backend.value_param("int", "nrows", 3) +
-                  ") {\n";
-  if (shared) h += "  " + backend.shared_array("cplx", "shbuf") + "\n";
-  return h;
+// The head of a split or pack kernel; the pass-2 form declares a shared tile.
+std::string head(const Backend& backend, const std::string& name, bool pack, int threads, bool shared) {
+  KernelSig sig(name, backend, real_split_params(pack));
+  sig.bound_threads = threads;
+  if (shared) sig.set_shared("cplx", "shbuf");
+  return sig.head();
 }
 
 // The even/odd split of bins k and nh - k of the spectrum of the packed row:
@@ -46,10 +40,18 @@ void split_pair(KernelWriter& w, int32_t n, int data, const std::string& k_text,
 
 }  // namespace
 
+KernelParams real_split_params(bool pack) {
+  if (pack)
+    return {KernelParam::input("iot", "x"), KernelParam::output("cplx", "z"), KernelParam::input("cplx", "tw"),
+            KernelParam::value("int", "nrows")};
+  return {KernelParam::input("cplx", "x"), KernelParam::output("iot", "out"), KernelParam::input("cplx", "tw"),
+          KernelParam::value("int", "nrows")};
+}
+
 std::string real_pass2_kernel(const RealSplitPass& p, const Backend& backend) {
   const int32_t nh = p.n / 2, c2 = 2 * p.columns;
-  std::string text = above(backend, p.compute_prec, p.data_prec) + define("TPF", std::to_string(p.threads)) +
-                     rsp_define_tiles() + head(backend, "ondrel_rfft2", "cplx", "iot", "out", p.threads, true);
+  std::string text = fft_prelude(backend, p.compute_prec, p.data_prec) + define("TPF", std::to_string(p.threads)) +
+                     rsp_define_tiles() + head(backend, "ondrel_rfft2", false, p.threads, true);
   KernelWriter w(p.compute_prec, backend);
   add_fft_tables(w, p.compute_prec, p.n, "tw", {});
   w.emit("int tid = $;", backend.thread_x());
@@ -80,7 +82,7 @@ std::string real_pass2_kernel(const RealSplitPass& p, const Backend& backend) {
 
 std::string real_split_kernel(int32_t n, int compute_prec, int data_prec, const Backend& backend) {
   const int32_t nh = n / 2;
-  std::string text = above(backend, compute_prec, data_prec) + head(backend, "ondrel_rsplit", "cplx", "iot", "out", 0, false);
+  std::string text = fft_prelude(backend, compute_prec, data_prec) + head(backend, "ondrel_rsplit", false, 0, false);
   KernelWriter w(compute_prec, backend);
   add_fft_tables(w, compute_prec, n, "tw", {});
   w.emit("int k = $ * 256 + $;", backend.block_x(), backend.thread_x());
@@ -97,7 +99,7 @@ std::string real_split_kernel(int32_t n, int compute_prec, int data_prec, const 
 std::string real_pack_kernel(int32_t n, int compute_prec, int data_prec, const Backend& backend) {
   const int32_t nh = n / 2;
   const std::string real = backend.real_type(compute_prec);
-  std::string text = above(backend, compute_prec, data_prec) + head(backend, "ondrel_rpack", "iot", "cplx", "z", 0, false);
+  std::string text = fft_prelude(backend, compute_prec, data_prec) + head(backend, "ondrel_rpack", true, 0, false);
   KernelWriter w(compute_prec, backend);
   add_fft_tables(w, compute_prec, n, "tw", {});
   w.emit("int k = $ * 256 + $;", backend.block_x(), backend.thread_x());

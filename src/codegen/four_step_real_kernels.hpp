@@ -7,6 +7,7 @@
 #include <string>
 
 #include "codegen/backend.hpp"
+#include "codegen/kernel_sig.hpp"
 
 namespace ondrel::codegen {
 
@@ -18,6 +19,11 @@ struct RealSplitPass {
   int compute_prec = 1;
   int data_prec = 1;  // 0 half pairs, else compute_prec
 };
+
+// The head of the split kernels (rfft2, rsplit): "(x, out, tw, nrows)" from
+// `cplx` rows to `iot` bins; of the pack (`pack`): "(x, z, tw, nrows)" from
+// `iot` bins to `cplx` rows.
+KernelParams real_split_params(bool pack);
 
 // "ondrel_rfft2(x, out, tw, nrows)": the n1-point transforms of pass 2 for
 // columns c and their mirrors n2 - c, and the real split of bins k and

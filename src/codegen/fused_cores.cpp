@@ -132,16 +132,12 @@ void ept16_core(KernelWriter& w, const FusedFft& plan, const LoadHook& load) {
 std::string fused_fft_kernel(const FusedFft& plan, int core, int prec, const Backend& backend) {
   const int32_t m = plan.m, tpf = plan.tpf;
   const int32_t twn = plan.tw_table ? m / 2 : 0;
-  std::string text = backend.preamble(prec) + complex_prelude(backend, prec);
-  text += backend.inline_head() + "unsigned brev(unsigned x){return " + backend.bit_reverse("x") + " >> (32 - " +
-          std::to_string(ilog2(m)) + ");}\n";
+  std::string text = backend.preamble(prec) + complex_prelude(backend, prec) + brev_define(backend, ilog2(m));
   text += define("TPF", std::to_string(tpf)) + shp_define(true);
-  KernelSig sig("ondrel_fused_fft", backend);
+  KernelSig sig("ondrel_fused_fft", backend,
+                {KernelParam::input("cplx", "x"), KernelParam::output("cplx", "out"), KernelParam::input("cplx", "tw"),
+                 KernelParam::value("int", "NFRAMES")});
   sig.bound_threads = tpf;
-  sig.add_const_pointer("cplx", "x");
-  sig.add_pointer("cplx", "out");
-  sig.add_const_pointer("cplx", "tw");
-  sig.add_value("int", "NFRAMES");
   sig.set_shared("cplx", "sh_all");
   text += sig.head();
 

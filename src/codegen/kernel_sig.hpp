@@ -14,7 +14,16 @@ struct KernelParam {
   Kind kind;
   std::string type;
   std::string name;
+
+  static KernelParam input(std::string type, std::string name) { return {ConstPointer, std::move(type), std::move(name)}; }
+  static KernelParam output(std::string type, std::string name) { return {Pointer, std::move(type), std::move(name)}; }
+  static KernelParam value(std::string type, std::string name) { return {Value, std::move(type), std::move(name)}; }
 };
+
+// A kernel's parameters in the order of its head. A family's generator and
+// its launch both take the list from one function, so that the arguments a
+// launch passes always match the text.
+using KernelParams = std::vector<KernelParam>;
 
 struct KernelSig {
   std::string name;
@@ -26,6 +35,8 @@ struct KernelSig {
   std::string shared_name;  // empty: no shared array
 
   KernelSig(std::string name, const Backend& backend) : name(std::move(name)), backend(backend) {}
+  KernelSig(std::string name, const Backend& backend, KernelParams params)
+      : name(std::move(name)), backend(backend), params(std::move(params)) {}
 
   void add_const_pointer(std::string type, std::string name);
   void add_pointer(std::string type, std::string name);

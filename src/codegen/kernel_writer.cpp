@@ -40,6 +40,23 @@ void KernelWriter::if_block(const std::string& cond, const std::function<void()>
   out << "  }\n";
 }
 
+void KernelWriter::async_or_plain(const std::function<void()>& async, const std::function<void()>& plain) {
+  const std::string guard = backend.async_copy_guard();
+  if (guard.empty()) return plain();
+  raw(guard);
+  async();
+  line(backend.async_commit());
+  line(backend.async_wait_all());
+  raw("#else\n");
+  plain();
+  raw("#endif\n");
+}
+
+void KernelWriter::async_copy(const std::string& target, const std::string& source) {
+  emit("{ $ sa = $;", backend.unsigned_type(), backend.shared_address(target));
+  line("  " + backend.async_copy_16("sa", source) + " }");
+}
+
 std::string KernelWriter::bind(const std::string& rhs) {
   std::string name = fresh("v");
   line("cplx " + name + " = " + rhs + ";");

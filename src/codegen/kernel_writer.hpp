@@ -34,6 +34,13 @@ class KernelWriter {
   void for_range(const FormatArg& var, const FormatArg& begin, const FormatArg& end,
                  const FormatArg& step, const std::function<void()>& body);
   void if_block(const std::string& cond, const std::function<void()>& body);
+  // A load into shared memory written twice: `async` under the dialect's
+  // asynchronous-copy guard, closed by its fences, and `plain` for every
+  // compiler the guard excludes (the only one where the dialect has none).
+  void async_or_plain(const std::function<void()>& async, const std::function<void()>& plain);
+  // One 16-byte asynchronous copy from `source` (a global address) to the
+  // shared lvalue `target`.
+  void async_copy(const std::string& target, const std::string& source);
 
   std::string let_cmk(const std::string& re, const std::string& im);
   std::string cadd(const std::string& a, const std::string& b);

@@ -16,6 +16,20 @@ std::string types_prelude(const Backend& backend);
 // cmul. Data in global memory are `iot`, which each FFT kernel declares.
 std::string complex_prelude(const Backend& backend, int prec);
 
+// `iot`, the type of one complex value in global memory: `cplx` itself, or
+// a pair of halves when `storage` is 0 (arithmetic stays in `compute`).
+std::string iot_typedef(const Backend& backend, int compute, int storage);
+
+// The head of the FFT kernels: preamble, complex prelude and `iot`.
+std::string fft_prelude(const Backend& backend, int compute, int storage);
+
+// The packed-pair head: `cplx` as two __half2 (one lane a row) with its
+// helpers, and `iot` as one __half2.
+std::string pair_prelude(const Backend& backend);
+
+// brev(x): x's lowest `bits` bits reversed.
+std::string brev_define(const Backend& backend, int bits);
+
 // PAD and refl(pos): the reflecting index of centred framing; needs SIG_LEN.
 std::string refl_defines(int64_t pad);
 

@@ -3,6 +3,7 @@
 #include <cmath>
 
 #include "codegen/body_heads.hpp"
+#include "codegen/fft_kernel.hpp"
 #include "codegen/fft_stages.hpp"
 #include "codegen/kernel_sig.hpp"
 #include "codegen/macros.hpp"
@@ -18,30 +19,18 @@ constexpr double kTwoPi = 6.283185307179586;
 // Everything above the body of the shared forms, the opening brace included.
 std::string head(const Backend& backend, int compute, int io, int32_t m, int32_t tpf, int32_t fpb, bool inverse,
                  bool pad) {
-  const std::string rio = backend.real_type(io == 0 ? 0 : compute);
-  std::string text = backend.preamble(io != 0 ? compute : 0) + complex_prelude(backend, compute);
-  text += "typedef " + (io == compute ? std::string("cplx") : backend.pair_type(io)) + " iot;\n";
+  std::string text = fft_prelude(backend, compute, io);
   text += define("TPF", std::to_string(tpf));
   // The packing turns the n-point inverse into one of M points: the scale
   // is that of M.
   if (inverse) text += invsc_define(backend, compute, m);
   text += shp_define(pad);
-  KernelSig sig(inverse ? "ondrel_irfft" : "ondrel_rfft", backend);
+  KernelSig sig(inverse ? "ondrel_irfft" : "ondrel_rfft", backend,
+                real_params(inverse, backend.real_type(io == 0 ? 0 : compute), true));
   sig.bound_threads = tpf * fpb;
-  if (inverse) {
-    sig.add_const_pointer("iot", "X");
-    sig.add_pointer(rio, "out");
-  } else {
-    sig.add_const_pointer(rio, "x");
-    sig.add_pointer("iot", "out");
-  }
-  sig.add_const_pointer("cplx", "tw");
-  sig.add_value("int", "nrows");
   sig.set_shared("cplx", "shbuf");
   return text + sig.head();
 }
-
-int64_t row_stride(int32_t m, bool pad) { return (pad ? m + 1 + m / 16 : m) + rader_scratch(m); }
 
 void ids(KernelWriter& w, int32_t fpb) {
   const std::string tx = w.backend.thread_x();
@@ -76,7 +65,7 @@ void store(KernelWriter& w, int io, const std::string& target, const std::string
 void forward_pair(KernelWriter& w, int32_t n, bool pad, const std::string& r, const std::string& rio) {
   w.emit("const DEV $* xa = x + r0c * $;", rio, n);
   w.emit("const DEV $* xc = x + r1c * $;", rio, n);
-  bind_row(w, row_stride(n, pad));
+  bind_row(w, fft_row_elements(n, pad));
   w.for_range("j", "tid", n, "TPF", [&] { w.emit("bufA[SHP($)] = cmk(($)xa[$], ($)xc[$]);", "j", r, "j", r, "j"); });
 }
 
@@ -94,17 +83,16 @@ void forward_pair_unpack(KernelWriter& w, int32_t n, int io, const std::string& 
 
 void forward_even_load(KernelWriter& w, int32_t m, int compute, int io, bool pad, const std::string& r) {
   if (compute == 1 && io == 1 && m % 2 == 0 && !pad) {
-    w.raw("#if __CUDA_ARCH__ >= 800\n");
-    w.for_range("j", "tid", m / 2, "TPF", [&] {
-      w.emit("{ unsigned sa = (unsigned)__cvta_generic_to_shared(&bufA[SHP(2 * $)]);", "j");
-      w.emit("  asm volatile(\"cp.async.cg.shared.global [%0], [%1], 16;\" :: \"r\"(sa), \"l\"(((const float4*)xb) + $)); }",
-             "j");
-    });
-    w.line("asm volatile(\"cp.async.commit_group;\");");
-    w.line("asm volatile(\"cp.async.wait_group 0;\");");
-    w.raw("#else\n");
-    w.for_range("j", "tid", m, "TPF", [&] { w.emit("bufA[SHP($)] = cmk(xb[2 * $], xb[2 * $ + 1]);", "j", "j", "j"); });
-    w.raw("#endif\n");
+    const std::string quad = w.backend.quad_type();
+    w.async_or_plain(
+        [&] {
+          w.for_range("j", "tid", m / 2, "TPF",
+                      [&] { w.async_copy("bufA[SHP(2 * j)]", format("((const $*)xb) + j", {quad})); });
+        },
+        [&] {
+          w.for_range("j", "tid", m, "TPF",
+                      [&] { w.emit("bufA[SHP($)] = cmk(xb[2 * $], xb[2 * $ + 1]);", "j", "j", "j"); });
+        });
     return;
   }
   w.for_range("j", "tid", m, "TPF",
@@ -140,7 +128,7 @@ void inverse_pair_load(KernelWriter& w, int32_t n, bool pad, const std::string& 
   const int32_t nb = n / 2 + 1;
   w.emit("const DEV iot* Xa = X + r0c * $;", nb);
   w.emit("const DEV iot* Xc = X + r1c * $;", nb);
-  bind_row(w, row_stride(n, pad));
+  bind_row(w, fft_row_elements(n, pad));
   w.for_range("j", "tid", n, "TPF", [&] {
     w.line("cplx u;");
     w.emit("if ($ <= $) {", "j", n / 2);
@@ -175,6 +163,14 @@ void inverse_even_load(KernelWriter& w, int32_t n, int32_t m, int32_t tpf, const
 
 }  // namespace
 
+KernelParams real_params(bool inverse, const std::string& real_io, bool with_table) {
+  KernelParams params = inverse ? KernelParams{KernelParam::input("iot", "X"), KernelParam::output(real_io, "out")}
+                                : KernelParams{KernelParam::input(real_io, "x"), KernelParam::output("iot", "out")};
+  if (with_table) params.push_back(KernelParam::input("cplx", "tw"));
+  params.push_back(KernelParam::value("int", "nrows"));
+  return params;
+}
+
 std::string real_kernel(int32_t n, const std::vector<int32_t>& schedule, int compute_prec, int32_t tpf,
                         const Backend& backend, int32_t fpb, int io_prec, bool pair, bool pad) {
   const int32_t m = pair ? n : n / 2;
@@ -189,7 +185,7 @@ std::string real_kernel(int32_t n, const std::vector<int32_t>& schedule, int com
     forward_pair(w, n, pad, r, rio);
   } else {
     w.line("I64 brow = batch < nrows - 1 ? batch : nrows - 1;");
-    bind_row(w, row_stride(m, pad));
+    bind_row(w, fft_row_elements(m, pad));
     w.emit("const DEV $* xb = x + brow * $;", rio, n);
     forward_even_load(w, m, compute_prec, io_prec, pad, r);
   }
@@ -221,7 +217,7 @@ std::string inverse_real_kernel(int32_t n, const std::vector<int32_t>& schedule,
     inverse_pair_load(w, n, pad, r);
   } else {
     w.line("I64 brow = batch < nrows - 1 ? batch : nrows - 1;");
-    bind_row(w, row_stride(m, pad));
+    bind_row(w, fft_row_elements(m, pad));
     inverse_even_load(w, n, m, tpf, r);
   }
   w.sync();

@@ -8,8 +8,13 @@
 #include <vector>
 
 #include "codegen/backend.hpp"
+#include "codegen/kernel_sig.hpp"
 
 namespace ondrel::codegen {
+
+// The head of the real kernels: forward "(x, out[, tw], nrows)" from reals of
+// `real_io` to `iot` bins, inverse "(X, out[, tw], nrows)" the reverse.
+KernelParams real_params(bool inverse, const std::string& real_io, bool with_table);
 
 // Closed forms for n of 1, 2 and 3, one thread a row, no transform:
 // "ondrel_rfft_tiny(x, out, nrows)".

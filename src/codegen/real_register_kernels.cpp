@@ -8,41 +8,27 @@
 #include "codegen/kernel_writer.hpp"
 #include "codegen/macros.hpp"
 #include "codegen/prelude.hpp"
+#include "codegen/real_kernel.hpp"
 #include "codegen/register_core.hpp"
+#include "math/precision.hpp"
 
 namespace ondrel::codegen {
 
 namespace {
 
-// The precisions a real kernel runs in: arithmetic in single or double, data
-// in half or in the arithmetic's own precision.
-struct RealPrecs {
-  int compute;
-  int io;
-};
-
-RealPrecs real_precs(int compute_prec, int io_prec) {
+// Arithmetic in single or double, data in half or in the arithmetic's own
+// precision.
+Precision real_precision(int compute_prec, int io_prec) {
   const int compute = compute_prec == 2 ? 2 : 1;
-  return {compute, io_prec == 0 ? 0 : compute};
+  return {compute, io_prec == 0 ? 0 : compute, false};
 }
 
-std::string real_head(const Backend& backend, RealPrecs p, bool inverse, int32_t m, int32_t threads) {
-  std::string text = backend.preamble(p.io != 0 ? p.compute : 0) + complex_prelude(backend, p.compute);
-  text += "typedef " + (p.io == p.compute ? std::string("cplx") : backend.pair_type(p.io)) + " iot;\n";
+std::string real_head(const Backend& backend, const Precision& p, bool inverse, int32_t m, int32_t threads) {
+  std::string text = fft_prelude(backend, p.compute, p.storage);
   if (inverse) text += invsc_define(backend, p.compute, m);
   text += shp_define(false);
-  KernelSig sig(inverse ? "ondrel_irfft" : "ondrel_rfft", backend);
+  KernelSig sig(inverse ? "ondrel_irfft" : "ondrel_rfft", backend, real_params(inverse, backend.real_type(p.storage), true));
   sig.bound_threads = threads;
-  const std::string rio = backend.real_type(p.io);
-  if (inverse) {
-    sig.add_const_pointer("iot", "X");
-    sig.add_pointer(rio, "out");
-  } else {
-    sig.add_const_pointer(rio, "x");
-    sig.add_pointer("iot", "out");
-  }
-  sig.add_const_pointer("cplx", "tw");
-  sig.add_value("int", "nrows");
   // The exchange moves one real component at a time, and the shared view is
   // indexed in reals; the forward unpack reinterprets it as complex.
   sig.set_shared(backend.real_type(p.compute), "shbuf");
@@ -70,12 +56,6 @@ void real_frame(KernelWriter& w, const RegisterShape& shape, int32_t fpb, bool p
   w.emit("int wb = tid * $;", shape.ept + 1);
 }
 
-// Reals of one row of the exchange, at least `least`, even so that the
-// complex view of the next row stays aligned.
-int64_t even_row(const RegisterShape& shape, int64_t least) {
-  const int64_t w = std::max(shape.row_elements(), least);
-  return w + w % 2;
-}
 
 std::string store(const Backend& backend, int io, const std::string& target, const std::string& re,
                   const std::string& im) {
@@ -84,9 +64,14 @@ std::string store(const Backend& backend, int io, const std::string& target, con
 
 }  // namespace
 
+int64_t real_register_row_reals(const RegisterShape& shape, bool inverse) {
+  const int64_t w = std::max(shape.row_elements(), inverse ? 0 : 2 * static_cast<int64_t>(shape.n));
+  return w + w % 2;
+}
+
 std::string real_register_kernel(int32_t m, const std::vector<int32_t>& stages, int compute_prec,
                                  const Backend& backend, int32_t fpb, int32_t ept, int io_prec, bool pair) {
-  const RealPrecs p = real_precs(compute_prec, io_prec);
+  const Precision p = real_precision(compute_prec, io_prec);
   const RegisterShape shape{m, stages, ept, true, false};
   check_register_shape(shape);
   const int32_t t = shape.threads(), n = pair ? m : 2 * m, nb = n / 2 + 1;
@@ -97,7 +82,7 @@ std::string real_register_kernel(int32_t m, const std::vector<int32_t>& stages, 
   // Register kernels launch with the table of the real length alone: their
   // Rader butterflies take constants, so no Rader circle is registered.
   add_fft_tables(w, p.compute, n, "tw", {});
-  real_frame(w, shape, fpb, pair, even_row(shape, 2 * static_cast<int64_t>(m)), backend.real_type(p.io), "x", n);
+  real_frame(w, shape, fpb, pair, real_register_row_reals(shape, false), backend.real_type(p.storage), "x", n);
 
   std::vector<std::string> ids;
   RegisterValues values = register_load(
@@ -134,9 +119,9 @@ std::string real_register_kernel(int32_t m, const std::vector<int32_t>& stages, 
       w.emit("cplx Znk = Z[$ == 0 ? 0 : $ - $];", kk, m, kk);
       w.emit("$ ar = ($)0.5 * (Zk.x + Znk.x), ai = ($)0.5 * (Zk.y - Znk.y);", r, r, r);
       w.emit("$ br = ($)0.5 * (Zk.y + Znk.y), bi = ($)(-0.5) * (Zk.x - Znk.x);", r, r, r);
-      w.line(store(backend, p.io, format("out[row0 * $ + $]", {nb, kk}), "ar", "ai"));
+      w.line(store(backend, p.storage, format("out[row0 * $ + $]", {nb, kk}), "ar", "ai"));
       w.emit("if (row1 < nrows) { $ }",
-             store(backend, p.io, format("out[row1 * $ + $]", {nb, kk}), "br", "bi"));
+             store(backend, p.storage, format("out[row1 * $ + $]", {nb, kk}), "br", "bi"));
       w.line("}");
     }
     w.line("}");
@@ -162,8 +147,8 @@ std::string real_register_kernel(int32_t m, const std::vector<int32_t>& stages, 
     const std::string tw = w.twiddle(kk, n, false, false);
     w.emit("$ wr = $.x, wi = $.y;", r, tw, tw);
     w.emit("$ tr = wr * xor_ - wi * xoi, ti = wr * xoi + wi * xor_;", r);
-    w.line(store(backend, p.io, format("out[batch * $ + $]", {nb, kk}), "xer + tr", "xei + ti"));
-    w.line(store(backend, p.io, format("out[batch * $ + $ - $]", {nb, m, kk}),
+    w.line(store(backend, p.storage, format("out[batch * $ + $]", {nb, kk}), "xer + tr", "xei + ti"));
+    w.line(store(backend, p.storage, format("out[batch * $ + $ - $]", {nb, m, kk}),
                  "xer - tr", "-(xei - ti)"));
     w.line("}");
   }
@@ -173,16 +158,16 @@ std::string real_register_kernel(int32_t m, const std::vector<int32_t>& stages, 
 
 std::string inverse_real_register_kernel(int32_t m, const std::vector<int32_t>& stages, int compute_prec,
                                          const Backend& backend, int32_t fpb, int32_t ept, int io_prec, bool pair) {
-  const RealPrecs p = real_precs(compute_prec, io_prec);
+  const Precision p = real_precision(compute_prec, io_prec);
   const RegisterShape shape{m, stages, ept, true, false};
   check_register_shape(shape);
   const int32_t t = shape.threads(), n = pair ? m : 2 * m, nb = n / 2 + 1;
-  const std::string r = backend.real_type(p.compute), rio = backend.real_type(p.io);
+  const std::string r = backend.real_type(p.compute), rio = backend.real_type(p.storage);
   std::string text = real_head(backend, p, true, m, t * fpb);
 
   KernelWriter w(p.compute, backend);
   add_fft_tables(w, p.compute, n, "tw", {});
-  real_frame(w, shape, fpb, pair, even_row(shape, 0), "iot", "X", nb);
+  real_frame(w, shape, fpb, pair, real_register_row_reals(shape, true), "iot", "X", nb);
 
   // Each element is the conjugate of the packed spectrum, so that the
   // forward walk transforms backwards.

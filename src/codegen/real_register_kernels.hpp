@@ -15,8 +15,14 @@
 #include <vector>
 
 #include "codegen/backend.hpp"
+#include "codegen/register_core.hpp"
 
 namespace ondrel::codegen {
+
+// Reals of one row of the shared exchange of these kernels on `shape` (M
+// points, component-wise exchange): even, so that the complex view of the
+// next row stays aligned.
+int64_t real_register_row_reals(const RegisterShape& shape, bool inverse);
 
 // "ondrel_rfft(x, out, tw, nrows)": real rows of n samples to n / 2 + 1 bins.
 // `stages` factor m, each dividing `ept`. Half data (`io_prec` 0) compute in

@@ -53,18 +53,9 @@ void inverse_body(KernelWriter& w, int32_t n, const std::string& rio, const std:
 
 std::string real_tiny_kernel(int32_t n, int compute_prec, const Backend& backend, bool inverse, int io_prec) {
   const std::string rio = backend.real_type(io_prec == 0 ? 0 : compute_prec);
-  std::string text = backend.preamble(io_prec != 0 ? compute_prec : 0) + complex_prelude(backend, compute_prec);
-  text += "typedef " + (io_prec == compute_prec ? std::string("cplx") : backend.pair_type(io_prec)) + " iot;\n";
-  KernelSig sig("ondrel_rfft_tiny", backend);
+  std::string text = fft_prelude(backend, compute_prec, io_prec);
+  KernelSig sig("ondrel_rfft_tiny", backend, real_params(inverse, rio, false));
   sig.bound_threads = 256;
-  if (inverse) {
-    sig.add_const_pointer("iot", "X");
-    sig.add_pointer(rio, "out");
-  } else {
-    sig.add_const_pointer(rio, "x");
-    sig.add_pointer("iot", "out");
-  }
-  sig.add_value("int", "nrows");
   text += sig.head();
 
   KernelWriter w(compute_prec, backend);

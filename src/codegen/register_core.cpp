@@ -5,10 +5,12 @@
 
 #include "codegen/body_heads.hpp"
 #include "codegen/expr.hpp"
+#include "codegen/fft_kernel.hpp"
 #include "codegen/fft_stages.hpp"
 #include "codegen/kernel_sig.hpp"
 #include "codegen/macros.hpp"
 #include "codegen/prelude.hpp"
+#include "math/fft_schedule.hpp"
 
 namespace ondrel::codegen {
 
@@ -64,14 +66,14 @@ RegisterValues exchange_step(KernelWriter& w, const RegisterShape& shape, size_t
   // Per next butterfly: the sub-problem index g of the stage-s numbering,
   // its low part lo and the stride of its inputs.
   struct Want {
-    std::string g, lo;
+    Expr g, lo;
     int64_t stride;
   };
   std::vector<Want> wants(j2_count);
   for (int32_t j2 = 0; j2 < j2_count; ++j2) {
     if (last) {
       const std::string pos = last_stage_position(w, shape, j2);
-      wants[j2] = {"(" + pos + " / " + std::to_string(m) + ")", "0", 1};
+      wants[j2] = {Expr("(" + pos + " / " + std::to_string(m) + ")"), Expr(0), 1};
     } else {
       const std::string sub = w.fresh("sub"), lo = w.fresh("qq");
       w.emit("int $ = $ / $; int $ = $ % $;", sub, next_ids[j2], m2, lo, next_ids[j2], m2);
@@ -85,14 +87,13 @@ RegisterValues exchange_step(KernelWriter& w, const RegisterShape& shape, size_t
       const std::string sub = w.fresh("sub"), lo = w.fresh("qq");
       w.emit("int $ = $ / $; int $ = $ % $;", sub, ids[j], m, lo, ids[j], m);
       for (int32_t e = 0; e < r; ++e)
-        w.emit("v[SHP($ * $ + $ + $)] = $;", sub, static_cast<int64_t>(r) * m, lo, e * m, values[j][e]);
+        w.emit("v[SHP($)] = $;", (Expr(sub) * (r * m) + Expr(lo) + e * m).text(), values[j][e]);
     }
     w.sync();
     for (int32_t j2 = 0; j2 < j2_count; ++j2)
       for (int32_t f = 0; f < r2; ++f) {
-        const std::string index = last ? format("$ * $ + $", {wants[j2].g, m, f})
-                                       : format("$ * $ + $ + $", {wants[j2].g, m, wants[j2].lo, f * m2});
-        next[j2][f] = w.load("v", "SHP(" + index + ")");
+        const Expr index = last ? wants[j2].g * m + f : wants[j2].g * m + wants[j2].lo + f * m2;
+        next[j2][f] = w.load("v", "SHP(" + index.text() + ")");
       }
     w.sync();
     return next;
@@ -105,8 +106,8 @@ RegisterValues exchange_step(KernelWriter& w, const RegisterShape& shape, size_t
   for (int32_t j2 = 0; j2 < j2_count; ++j2) {
     ek[j2] = w.fresh("ek");
     kk[j2] = w.fresh("kk");
-    w.emit("int $ = $; int $ = $;", ek[j2], format("($ % $) * $", {wants[j2].g, r, j_count}), kk[j2],
-           format("($ / $) * $ + $", {wants[j2].g, r, m, wants[j2].lo}));
+    w.emit("int $ = $; int $ = $;", ek[j2], (wants[j2].g % r * j_count).text(), kk[j2],
+           (wants[j2].g / r * m + wants[j2].lo).text());
     for (int32_t f = 0; f < r2; ++f) {
       next[j2][f] = w.fresh("x");
       w.emit("cplx $;", next[j2][f]);
@@ -214,17 +215,12 @@ int64_t register_offset(const RegisterShape& shape, int32_t j, int32_t e) {
   return static_cast<int64_t>(j) * shape.threads() + static_cast<int64_t>(e) * (shape.n / shape.stages.back());
 }
 
-std::string pair_prelude(const Backend& backend) {
-  const std::string q = backend.inline_head();
-  return "struct cplx { __half2 x, y; };\n"
-         "typedef __half2 iot;\n" +
-         q + "cplx cmk(__half2 r, __half2 i){cplx z;z.x=r;z.y=i;return z;}\n" +  //
-         q + "cplx cmk(__half r, __half i){return cmk(__half2half2(r), __half2half2(i));}\n" +
-         q + "cplx cmk(float r, float i){return cmk(__float2half2_rn(r), __float2half2_rn(i));}\n" +
-         q + "cplx cadd(cplx a, cplx b){return cmk(__hadd2(a.x,b.x), __hadd2(a.y,b.y));}\n" +
-         q + "cplx csub(cplx a, cplx b){return cmk(__hsub2(a.x,b.x), __hsub2(a.y,b.y));}\n" +
-         q + "cplx cmul(cplx a, cplx b){return cmk(__hsub2(__hmul2(a.x,b.x), __hmul2(a.y,b.y)), "
-             "__hadd2(__hmul2(a.x,b.y), __hmul2(a.y,b.x)));}\n";
+RegisterElement register_element(const Backend& backend, int compute_prec, bool exchange, bool pair,
+                                  bool half_exchange) {
+  if (!exchange) return {"cplx", complex_bytes(compute_prec)};
+  if (pair) return {backend.pair_type(0), 4};
+  if (half_exchange) return {backend.real_type(0), 2};
+  return {backend.real_type(compute_prec), complex_bytes(compute_prec) / 2};
 }
 
 std::string register_kernel(int32_t n, const std::vector<int32_t>& stages, int compute_prec, const Backend& backend,
@@ -237,25 +233,13 @@ std::string register_kernel(int32_t n, const std::vector<int32_t>& stages, int c
   const int32_t t = shape.threads();
   const std::string real = backend.real_type(compute_prec);
 
-  std::string text = backend.preamble(io_prec != 0 ? compute_prec : 0);
-  if (pair) {
-    text += types_prelude(backend) + pair_prelude(backend);
-  } else {
-    text += complex_prelude(backend, compute_prec);
-    text += "typedef " + (io_prec == compute_prec ? std::string("cplx") : backend.pair_type(io_prec)) + " iot;\n";
-  }
+  std::string text = pair ? backend.preamble(0) + types_prelude(backend) + pair_prelude(backend)
+                          : fft_prelude(backend, compute_prec, io_prec);
   if (inverse) text += invsc_define(backend, compute_prec, n);
   text += shp_define(false);
-  const std::string shared_type = !exchange        ? "cplx"
-                                  : pair           ? "__half2"
-                                  : half_exchange  ? backend.real_type(0)
-                                                   : real;
-  KernelSig sig("ondrel_fft", backend);
+  const std::string shared_type = register_element(backend, compute_prec, exchange, pair, half_exchange).type;
+  KernelSig sig("ondrel_fft", backend, fft_params());
   sig.bound_threads = fpb * t;
-  sig.add_const_pointer("iot", "x");
-  sig.add_pointer("iot", "out");
-  sig.add_const_pointer("cplx", "tw");
-  sig.add_value("int", "nrows");
   sig.set_shared(shared_type, "shbuf");
   text += sig.head();
 
@@ -284,8 +268,8 @@ std::string register_kernel(int32_t n, const std::vector<int32_t>& stages, int c
         const std::string u = w.fresh("u");
         if (pair) {
           const std::string a = w.fresh("ta"), b = w.fresh("tb");
-          w.emit("iot $ = xa[$ + $]; iot $ = xc[$ + $]; cplx $ = cmk(__halves2half2($.x, $.x), __halves2half2($.y, $.y));",
-                 a, q, off, b, q, off, u, a, b, a, b);
+          w.emit("iot $ = xa[$ + $]; iot $ = xc[$ + $]; cplx $ = cmk($, $);", a, q, off, b, q, off, u,
+                 backend.half2_join(a + ".x", b + ".x"), backend.half2_join(a + ".y", b + ".y"));
         } else {
           const std::string s = w.fresh("t");
           w.emit("iot $ = xb[$ + $]; cplx $ = cmk(($)$.x, $($)$.y);", s, q, off, u, real, s, neg, real, s);
@@ -306,10 +290,10 @@ std::string register_kernel(int32_t n, const std::vector<int32_t>& stages, int c
         const int64_t off = register_offset(shape, j, e);
         const std::string& v = values[j][e];
         if (pair) {
-          w.emit("if (row0 < nrows) out[row0 * $ + $] = __halves2half2(__low2half($.x), __low2half($.y));", n,
-                 tid_plus(off), v, v);
-          w.emit("if (row1 < nrows) out[row1 * $ + $] = __halves2half2(__high2half($.x), __high2half($.y));", n,
-                 tid_plus(off), v, v);
+          w.emit("if (row0 < nrows) out[row0 * $ + $] = $;", n, tid_plus(off),
+                 backend.half2_join(backend.half2_low(v + ".x"), backend.half2_low(v + ".y")));
+          w.emit("if (row1 < nrows) out[row1 * $ + $] = $;", n, tid_plus(off),
+                 backend.half2_join(backend.half2_high(v + ".x"), backend.half2_high(v + ".y")));
         } else {
           w.emit("if (batch < nrows) { out[batch * $ + $] = $; }", n, tid_plus(off), stored(v));
         }

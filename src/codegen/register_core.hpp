@@ -33,6 +33,16 @@ struct RegisterShape {
   int64_t row_elements() const;
 };
 
+// The element of the shared row of a complex register kernel: a complex
+// value without the exchange; with it one real component (a half with
+// `half_exchange`), or one __half2 of two rows in packed pairs.
+struct RegisterElement {
+  std::string type;
+  int32_t bytes;
+};
+RegisterElement register_element(const Backend& backend, int compute_prec, bool exchange, bool pair,
+                                  bool half_exchange);
+
 // Throws std::logic_error when the stages do not fit the register layout: a
 // generator fault, since the route only builds valid lists.
 void check_register_shape(const RegisterShape& shape);
@@ -71,8 +81,5 @@ void reg_twiddles(KernelWriter& w, RegisterValues& values, const std::vector<std
 std::string register_kernel(int32_t n, const std::vector<int32_t>& stages, int compute_prec, const Backend& backend,
                             bool inverse, int32_t fpb, int io_prec, int32_t ept, bool exchange, bool pair,
                             bool half_exchange);
-
-// The prelude of packed-pair kernels: cplx as two __half2, one lane a row.
-std::string pair_prelude(const Backend& backend);
 
 }  // namespace ondrel::codegen

@@ -11,8 +11,7 @@ namespace ondrel::codegen {
 std::string sample_kernel(const Backend& backend, int32_t n, int prec, bool inverse) {
   // Half data compute in float, as every kernel of the system does.
   const int compute = prec == 0 ? 1 : prec;
-  std::string text = backend.preamble(compute) + complex_prelude(backend, compute);
-  text += prec == 0 ? "typedef " + backend.pair_type(0) + " iot;\n" : "typedef cplx iot;\n";
+  std::string text = fft_prelude(backend, compute, prec == 0 ? 0 : compute);
   text += define("N", std::to_string(n));
 
   KernelSig sig("ondrel_rotate_" + std::to_string(n) + "_" + std::to_string(prec) +

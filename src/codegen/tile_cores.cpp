@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "codegen/expr.hpp"
+#include "codegen/fft_kernel.hpp"
 #include "codegen/fft_stages.hpp"
 #include "codegen/kernel_sig.hpp"
 #include "codegen/kernel_writer.hpp"
@@ -19,15 +20,10 @@ using Names = std::vector<std::string>;
 
 // Preludes and head of both kernels, `threads` a block.
 std::string head(int32_t n, int compute_prec, const Backend& backend, bool inverse, int32_t threads, int io_prec) {
-  std::string text = backend.preamble(io_prec != 0 ? compute_prec : 0) + complex_prelude(backend, compute_prec);
-  text += "typedef " + (io_prec == compute_prec ? std::string("cplx") : backend.pair_type(io_prec)) + " iot;\n";
+  std::string text = fft_prelude(backend, compute_prec, io_prec);
   if (inverse) text += invsc_define(backend, compute_prec, n);
-  KernelSig sig("ondrel_fft", backend);
+  KernelSig sig("ondrel_fft", backend, fft_params());
   sig.bound_threads = threads;
-  sig.add_const_pointer("iot", "x");
-  sig.add_pointer("iot", "out");
-  sig.add_const_pointer("cplx", "tw");
-  sig.add_value("int", "nrows");
   sig.set_shared("cplx", "shbuf");
   return text + sig.head();
 }
@@ -77,12 +73,15 @@ void twiddle_outputs(KernelWriter& w, Names& v, const std::string& index, int32_
 
 }  // namespace
 
+int64_t tile_elements(int32_t r) { return static_cast<int64_t>(r) * (r + 1); }
+int64_t cube_elements(int32_t r) { return static_cast<int64_t>(r) * r * r; }
+
 std::string tile_kernel(int32_t n, int32_t r, int compute_prec, const Backend& backend, bool inverse, int32_t fpb,
                         int io_prec) {
   std::string text = head(n, compute_prec, backend, inverse, r * fpb, io_prec);
   KernelWriter w(compute_prec, backend);
   add_fft_tables(w, compute_prec, n, "tw", {r});
-  identity(w, "lane", r, fpb, n, static_cast<int64_t>(r) * (r + 1));
+  identity(w, "lane", r, fpb, n, tile_elements(r));
   Names v = butterfly(w, load(w, "lane", r, r, inverse), r, false);
   twiddle_outputs(w, v, "lane", n);
   for (int32_t e = 0; e < r; ++e) {
@@ -96,7 +95,8 @@ std::string tile_kernel(int32_t n, int32_t r, int compute_prec, const Backend& b
     w.emit("cplx $ = sh[lane * $ + $];", z[e], r + 1, e);
   }
   z = butterfly(w, z, r, false);
-  store(w, z, n, io_prec, inverse, [&](int32_t e) { return e == 0 ? std::string("lane") : format("lane + $", {e * r}); });
+  store(w, z, n, io_prec, inverse,
+        [&](int32_t e) { return e == 0 ? std::string("lane") : (Expr("lane") + e * r).text(); });
   return text + w.text() + "}\n";
 }
 
@@ -106,7 +106,7 @@ std::string cube_kernel(int32_t n, int32_t r, int compute_prec, const Backend& b
   std::string text = head(n, compute_prec, backend, inverse, r2 * fpb, io_prec);
   KernelWriter w(compute_prec, backend);
   add_fft_tables(w, compute_prec, n, "tw", {r});
-  identity(w, "t", r2, fpb, n, n);
+  identity(w, "t", r2, fpb, n, cube_elements(r));
   w.emit("int t0 = t % $, t1 = t / $;", r, r);
   // Digit n2 (stride r^2) first, then the middle digit, then the lowest.
   Names a = butterfly(w, load(w, "t", r, r2, inverse), r, false);

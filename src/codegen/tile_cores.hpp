@@ -10,6 +10,10 @@
 
 namespace ondrel::codegen {
 
+// Complex elements of one row's shared tile.
+int64_t tile_elements(int32_t r);
+int64_t cube_elements(int32_t r);
+
 // n = r * r, r threads a row, `fpb` rows a block; the tile row has stride
 // r + 1 so that the column reads spread over the banks.
 std::string tile_kernel(int32_t n, int32_t r, int compute_prec, const Backend& backend, bool inverse, int32_t fpb,

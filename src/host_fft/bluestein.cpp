@@ -4,11 +4,11 @@
 #include <string>
 #include <vector>
 
-#include "math/fft_schedule.hpp"
 #include "host_fft/drivers.hpp"
 #include "host_fft/kernels.hpp"
 #include "host_fft/plan_cache.hpp"
 #include "host_fft/threads.hpp"
+#include "math/fft_schedule.hpp"
 
 namespace ondrel::host {
 

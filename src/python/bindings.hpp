@@ -3,6 +3,10 @@
 // the groups in the module's registration order.
 #include <pybind11/pybind11.h>
 
+#include <cstdint>
+
+#include "cuda_like/ops/fft_route.hpp"
+
 namespace ondrel::python {
 
 // abi_version ... clear_tables: the status and control functions.
@@ -14,6 +18,8 @@ void register_status(pybind11::module_& m);
 void register_fourier(pybind11::module_& m);
 void register_real_staged(pybind11::module_& m);
 void register_real_resident(pybind11::module_& m);
+// The request of a resident FFT call, its `prec` decoded once.
+FftOptions resident_options(bool inverse, int32_t prec, int32_t dev, uintptr_t stream);
 
 // set_shape_hint, shape_epoch, shape_hint_clear, route_explain.
 void register_hints(pybind11::module_& m);

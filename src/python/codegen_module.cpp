@@ -24,13 +24,31 @@ ondrel::RouteQuery route_query(int32_t n, int32_t prec, bool inverse, uint64_t s
                                const ondrel::TuneEntry& tune) {
   ondrel::RouteQuery q;
   q.n = n;
-  q.is_double = prec == 2;
+  q.prec = ondrel::precision_code(prec);
   q.inverse = inverse;
-  q.half = prec == 0 || prec == 3;
-  q.packed = prec == 3;
   q.tune = tune;
   q.shared_limit = shared_limit;
   return q;
+}
+
+py::list texts(const std::vector<ondrel::KernelPlan>& plans) {
+  py::list out;
+  for (const ondrel::KernelPlan& plan : plans) out.append(py::make_tuple(plan.key, plan.text()));
+  return out;
+}
+
+// A one-kernel route's (key, text) from `plan`, or the error that names the
+// listing of its multi-kernel route.
+template <class Plan>
+py::tuple one_kernel(const std::string& binding, const char* four_step_listing, const ondrel::FftRoute& route,
+                     Plan&& plan) {
+  if (!route.one_kernel())
+    throw py::value_error(binding + ": n = " + std::to_string(route.n) + " takes the " +
+                          ondrel::core_word(route.core) + " route, whose kernels " +
+                          (route.core == ondrel::FftCore::bluestein ? "bluestein_kernel_texts" : four_step_listing) +
+                          " gives");
+  const ondrel::KernelPlan k = plan();
+  return py::make_tuple(k.key, k.text());
 }
 
 }  // namespace
@@ -51,13 +69,8 @@ PYBIND11_MODULE(_codegen, m) {
          uint32_t var, uint32_t ept) {
         const ondrel::FftRoute route =
             ondrel::fft_route(route_query(n, prec, inverse, shared_limit, {ept, fpb, tpf, core, var}));
-        if (!ondrel::has_core_text(route))
-          throw py::value_error("fft_kernel_text: n = " + std::to_string(n) + " takes the " +
-                                ondrel::core_word(route.core) + " route, whose kernels " +
-                                (route.core == ondrel::FftCore::bluestein ? "bluestein_kernel_texts"
-                                                                          : "four_step_kernel_texts") +
-                                " gives");
-        return py::make_tuple(route.kernel, ondrel::core_text(route, inverse));
+        return one_kernel("fft_kernel_text", "four_step_kernel_texts", route,
+                          [&] { return ondrel::fft_plan(route, inverse); });
       },
       py::arg("n"), py::arg("prec") = 1, py::arg("inverse") = false, py::arg("shared_limit") = 65536,
       py::arg("tpf") = 0, py::arg("fpb") = 0, py::arg("core") = 0, py::arg("var") = 0, py::arg("ept") = 0,
@@ -83,23 +96,18 @@ PYBIND11_MODULE(_codegen, m) {
   m.def(
       "four_step_kernel_texts",
       [](int32_t n, int32_t prec, bool inverse, uint64_t shared_limit) {
-        const bool is_double = prec == 2;
-        const int32_t word = prec == 0 || prec == 3 ? 0 : 1;
-        const ondrel::FourStepPlan plan = ondrel::four_step_plan(n, is_double, shared_limit);
-        py::list out;
-        for (int pass = 1; pass <= 2; ++pass)
-          out.append(py::make_tuple(
-              ondrel::four_step_key(plan, pass, is_double, word, word, inverse),
-              ondrel::codegen::four_step_pass_kernel(ondrel::four_step_pass(plan, pass, is_double, word, word, inverse),
-                                                     ondrel::codegen::hip_backend())));
-        return out;
+        const ondrel::Precision p = ondrel::precision_code(prec);
+        const ondrel::FourStepPlan plan = ondrel::four_step_plan(n, p.is_double(), shared_limit);
+        return texts({ondrel::four_step_kernel(plan, 1, p.is_double(), p.storage, p.storage, inverse),
+                      ondrel::four_step_kernel(plan, 2, p.is_double(), p.storage, p.storage, inverse)});
       },
       py::arg("n"), py::arg("prec") = 1, py::arg("inverse") = false, py::arg("shared_limit") = 65536,
       "[(kernel key, text)] of the two four-step passes of a complex FFT of length n.");
   m.def(
       "bluestein_kernel_texts",
       [](int32_t n, int32_t prec, bool inverse, uint64_t shared_limit, bool real) {
-        return ondrel::bluestein_texts(n, prec == 2, prec == 0 || prec == 3, real, inverse, shared_limit);
+        const ondrel::Precision p = ondrel::precision_code(prec);
+        return texts(ondrel::bluestein_kernels(n, p.is_double(), p.half(), real, inverse, shared_limit));
       },
       py::arg("n"), py::arg("prec") = 1, py::arg("inverse") = false, py::arg("shared_limit") = 65536,
       py::arg("real") = false,
@@ -108,7 +116,8 @@ PYBIND11_MODULE(_codegen, m) {
   m.def(
       "four_step_real_kernel_texts",
       [](int32_t n, int32_t prec, bool inverse, uint64_t shared_limit) {
-        return ondrel::four_step_real_texts(n, prec == 2, prec == 0 || prec == 3 ? 0 : 1, inverse, shared_limit);
+        const ondrel::Precision p = ondrel::precision_code(prec);
+        return texts(ondrel::four_step_real_kernels(n, p.is_double(), p.storage, inverse, shared_limit));
       },
       py::arg("n"), py::arg("prec") = 1, py::arg("inverse") = false, py::arg("shared_limit") = 65536,
       "[(kernel key, text)] of the kernels of the real four-step FFT of even length n.");
@@ -118,13 +127,8 @@ PYBIND11_MODULE(_codegen, m) {
          uint32_t core, uint32_t var) {
         const ondrel::FftRoute route =
             ondrel::rfft_route(route_query(n, prec, inverse, shared_limit, {ept, fpb, tpf, core, var}));
-        if (!ondrel::has_real_kernel(route))
-          throw py::value_error("rfft_kernel_text: n = " + std::to_string(n) + " takes the " +
-                                ondrel::core_word(route.core) + " route, whose kernels " +
-                                (route.core == ondrel::FftCore::bluestein ? "bluestein_kernel_texts"
-                                                                          : "four_step_real_kernel_texts") +
-                                " gives");
-        return py::make_tuple(route.kernel, ondrel::real_route_text(route, inverse));
+        return one_kernel("rfft_kernel_text", "four_step_real_kernel_texts", route,
+                          [&] { return ondrel::rfft_plan(route, inverse); });
       },
       py::arg("n"), py::arg("prec") = 1, py::arg("inverse") = false, py::arg("shared_limit") = 65536,
       py::arg("ept") = 0, py::arg("tpf") = 0, py::arg("fpb") = 0, py::arg("core") = 0, py::arg("var") = 0,

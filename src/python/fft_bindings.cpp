@@ -3,6 +3,7 @@
 #include <cstdint>
 
 #include "cuda_like/ops/fft.hpp"
+#include "cuda_like/ops/fft_launch.hpp"
 #include "python/bindings.hpp"
 #include "python/frame.hpp"
 
@@ -16,21 +17,25 @@ py::object fft_staged(const py::array& x, bool inverse) {
   const CArray<C> a = as_c_array<C>(x);
   check_rank(a, 2, "fft: x must be [B, N] complex");
   const py::ssize_t rows = a.shape(0), n = a.shape(1);
-  if (rows == 0 && n > 0) return pinned_array<C>({rows, n});
-  select_device(0);
-  const size_t bytes = static_cast<size_t>(rows) * static_cast<size_t>(n) * 2 * sizeof(T);
-  DeviceBuffer dx(bytes, nullptr), dy(bytes, nullptr);
-  hip_check(hip_dl::api().MemcpyHtoD(dx.p, const_cast<C*>(a.data()), bytes), __FILE__, __LINE__,
-            "memcpyHtoD(dx.p, x.data(), bytes)");
+  check_rows("fft", n, rows);
   FftOptions options;
   options.inverse = inverse;
-  fft<T>(dx.p, dy.p, rows, static_cast<int32_t>(n), options);
-  py::array_t<C> out = pinned_array<C>({rows, n});
-  copy_back(out.mutable_data(), dy.p, bytes, "memcpyDtoH(out.mutable_data(), dy.p, bytes)");
-  return out;
+  options.prec = full_width(sizeof(T) == 8);
+  return staged_call<C>(a, {rows, n}, Upload::direct, [&](const void* dx, void* dy) {
+    fft(dx, dy, rows, static_cast<int32_t>(n), options);
+  });
 }
 
 }  // namespace
+
+FftOptions resident_options(bool inverse, int32_t prec, int32_t dev, uintptr_t stream) {
+  FftOptions options;
+  options.inverse = inverse;
+  options.prec = precision_code(prec);
+  options.device = dev;
+  options.stream = stream_handle(stream);
+  return options;
+}
 
 void register_fourier(py::module_& m) {
   m.def(
@@ -46,14 +51,7 @@ void register_fourier(py::module_& m) {
       "fft_resident",
       [](uintptr_t x, uintptr_t out, int64_t rows, int32_t n, bool inverse, int32_t prec, int32_t dev,
          uintptr_t stream) {
-        FftOptions options;
-        options.inverse = inverse;
-        options.half = prec == 0 || prec == 3;
-        options.packed = prec == 3;
-        options.device = dev;
-        options.stream = stream_handle(stream);
-        if (prec == 2) fft<double>(device_address(x), device_address(out), rows, n, options);
-        else fft<float>(device_address(x), device_address(out), rows, n, options);
+        fft(device_address(x), device_address(out), rows, n, resident_options(inverse, prec, dev, stream));
       },
       py::arg("x"), py::arg("out"), py::arg("B"), py::arg("N"), py::arg("inverse"), py::arg("prec"), py::arg("dev"),
       py::arg("stream"),

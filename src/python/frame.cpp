@@ -41,6 +41,13 @@ void copy_back(void* dst, const void* src, size_t bytes, const char* check_text)
   hip_check(hip.MemcpyDtoH(dst, const_cast<void*>(src), bytes), __FILE__, __LINE__, check_text);
 }
 
+DeviceBuffer direct_to_device(const void* data, size_t bytes) {
+  DeviceBuffer dx(bytes, nullptr);
+  hip_check(hip_dl::api().MemcpyHtoD(dx.p, data, bytes), __FILE__, __LINE__,
+            "memcpyHtoD(dx.p, x.data(), bytes)");
+  return dx;
+}
+
 py::capsule pinned_capsule(size_t bytes, void*& data) {
   PinnedBuffer block(bytes);
   py::capsule owner(block.p, [](void* p) { pinned_pool().free(p); });

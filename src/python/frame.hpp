@@ -10,8 +10,8 @@
 #include <cstring>
 #include <vector>
 
-#include "math/call_shapes.hpp"
 #include "cuda_like/tables/windows.hpp"
+#include "math/call_shapes.hpp"
 #include "rocm/context.hpp"
 #include "rocm/device_pool.hpp"
 #include "rocm/pinned_pool.hpp"
@@ -82,6 +82,38 @@ py::array_t<T> pinned_array(const std::vector<py::ssize_t>& shape, const std::ve
 // The last step of a staged call: waits for the null stream, then copies a
 // device block into a result array; `check_text` names the copy in errors.
 void copy_back(void* dst, const void* src, size_t bytes, const char* check_text);
+
+// How a staged call's input reaches the device: the FFT family copies
+// straight from numpy's memory, every other family through a pinned block.
+enum class Upload { direct, pinned };
+
+// A device block in the null stream holding the bytes of a host array,
+// copied from where they lie.
+DeviceBuffer direct_to_device(const void* data, size_t bytes);
+
+// The road every staged call shares once its input is converted and checked
+// and its output shape settled: an output without elements returns at once,
+// with no device work; otherwise device 0 becomes current, the input goes
+// up, `run(dx, dy)` enqueues the operation between the device blocks on the
+// null stream, and the result lands in a new pinned array of `out_shape`
+// (with byte `out_strides`, or C order). Device blocks go back to their
+// pool on every way out.
+template <class Out, class In, class Run>
+py::array_t<Out> staged_call(const CArray<In>& x, const std::vector<py::ssize_t>& out_shape, Upload upload,
+                             Run&& run, const std::vector<py::ssize_t>& out_strides = {}) {
+  std::vector<int64_t> dims(out_shape.begin(), out_shape.end());
+  if (checked_size(dims) == 0) return pinned_array<Out>(out_shape, out_strides);
+  dims.push_back(sizeof(Out));
+  const auto bytes = static_cast<size_t>(checked_size(dims));
+  select_device(0);
+  const DeviceBuffer dx = upload == Upload::direct ? direct_to_device(x.data(), static_cast<size_t>(x.nbytes()))
+                                                   : to_device(x.data(), static_cast<size_t>(x.size()));
+  const DeviceBuffer dy(bytes, nullptr);
+  run(static_cast<const void*>(dx.p), dy.p);
+  py::array_t<Out> out = pinned_array<Out>(out_shape, out_strides);
+  copy_back(out.mutable_data(), dy.p, bytes, "memcpyDtoH(out.mutable_data(), dy.p, bytes)");
+  return out;
+}
 
 // Resident calls: integers reinterpreted as device addresses and streams,
 // with no check; 0 is the null stream.

@@ -5,11 +5,10 @@
 #include <stdexcept>
 
 #include "codegen/backend.hpp"
-#include "math/fft_schedule.hpp"
 #include "cuda_like/ops/four_step.hpp"
 #include "cuda_like/tables/chirp_tables.hpp"
 #include "cuda_like/tables/twiddles.hpp"
-#include "rocm/compile.hpp"
+#include "math/fft_schedule.hpp"
 #include "rocm/context.hpp"
 #include "rocm/device_pool.hpp"
 
@@ -24,9 +23,90 @@ unsigned blocks_for(int64_t count) { return static_cast<unsigned>((count + kBloc
 
 int32_t pair_tpf(int32_t m) { return std::max(16, m <= 1024 ? m / 32 : m / 16); }
 
-std::string pair_key(int32_t n, int32_t m, bool inverse) {
-  return "crblue_" + std::to_string(n) + "_" + std::to_string(m) + "_1" + (inverse ? "_i" : "_f") + "_" +
-         std::to_string(pair_tpf(m)) + "_2";
+int prec_of(bool is_double) { return is_double ? 2 : 1; }
+
+uint64_t row_bytes(int32_t m, bool is_double) {
+  return static_cast<uint64_t>(codegen::bluestein_row_elements(m, prec_of(is_double))) * (is_double ? 16 : 8);
+}
+
+KernelPlan fused_kernel(int32_t n, bool is_double, bool inverse) {
+  const BluesteinFusedPlan plan = bluestein_fused_plan(n, is_double, inverse);
+  const int prec = prec_of(is_double);
+  KernelPlan k;
+  k.key = plan.key;
+  k.entry = "ondrel_fft";
+  k.threads = static_cast<uint32_t>(plan.tpf);
+  k.shared_bytes = plan.shared_bytes;
+  k.params = codegen::bluestein_row_params("iot", "iot", codegen::hip_backend().real_type(prec));
+  k.text = [plan, prec] {
+    return codegen::bluestein_fused_kernel(plan.n, plan.m, plan.schedule, prec, plan.tpf, codegen::hip_backend());
+  };
+  return k;
+}
+
+KernelPlan pair_kernel(int32_t n, bool inverse) {
+  const BluesteinFusedPlan plan = bluestein_fused_plan(n, false, inverse);
+  const int32_t tpf = pair_tpf(plan.m);
+  const std::string real = codegen::hip_backend().real_type(1);
+  KernelPlan k;
+  k.key = "crblue_" + std::to_string(n) + "_" + std::to_string(plan.m) + "_1" + (inverse ? "_i" : "_f") + "_" +
+          std::to_string(tpf) + "_2";
+  k.entry = inverse ? "ondrel_irfft" : "ondrel_rfft";
+  k.threads = static_cast<uint32_t>(tpf);
+  k.shared_bytes = plan.shared_bytes;
+  k.params = codegen::bluestein_row_params(inverse ? "cplx" : real, inverse ? real : "cplx", real);
+  k.text = [plan, tpf, inverse] {
+    return codegen::bluestein_pair_kernel(plan.n, plan.m, plan.schedule, tpf, inverse, codegen::hip_backend());
+  };
+  return k;
+}
+
+// The three element-wise kernels of the staged form, in launch order.
+std::vector<KernelPlan> staged_kernels(int32_t n, int32_t m, bool is_double, int32_t io, codegen::BluesteinMode mode,
+                                       bool inverse) {
+  const codegen::Backend& b = codegen::hip_backend();
+  const int prec = prec_of(is_double), data = io == 0 ? 0 : prec;
+  const std::string p = std::to_string(prec);
+  const std::string tail = std::to_string(n) + "_" + std::to_string(m) + "_" + p + "_" + std::to_string(data) + "_" +
+                           std::to_string(static_cast<int>(mode)) + (inverse ? "_i" : "_f");
+  const std::string real = b.real_type(prec), data_real = b.real_type(data);
+  std::vector<KernelPlan> k(3);
+  k[0].key = "cgbpre_" + tail;
+  k[0].entry = "ondrel_bgpre";
+  k[0].params = codegen::bluestein_pre_params(mode == codegen::BluesteinMode::real_forward ? data_real : "iot");
+  k[0].text = [=] { return codegen::bluestein_pre_kernel(n, m, prec, data, mode, codegen::hip_backend()); };
+  k[1].key = "cgbmul_" + std::to_string(m) + "_" + p;
+  k[1].entry = "ondrel_bgmul";
+  k[1].params = codegen::bluestein_mul_params();
+  k[1].text = [=] { return codegen::bluestein_mul_kernel(m, prec, codegen::hip_backend()); };
+  k[2].key = "cgbpost_" + tail;
+  k[2].entry = "ondrel_bgpost";
+  k[2].params =
+      codegen::bluestein_post_params(mode == codegen::BluesteinMode::real_inverse ? data_real : "iot", real);
+  k[2].text = [=] { return codegen::bluestein_post_kernel(n, m, prec, data, mode, codegen::hip_backend()); };
+  for (KernelPlan& plan : k) plan.threads = kBlock;
+  return k;
+}
+
+codegen::BluesteinMode staged_mode(bool real, bool inverse) {
+  using codegen::BluesteinMode;
+  return !real ? BluesteinMode::complex : inverse ? BluesteinMode::real_inverse : BluesteinMode::real_forward;
+}
+
+// One row a block (or a pair of rows: `rows_per_block` 2) of the one-kernel
+// forms.
+template <class T>
+void launch_fused(const LaunchRecord& rec, const void* x, void* out, int64_t rows, int32_t rows_per_block,
+                  const ChirpTables& tables, const void* tw, double scale, hip_dl::hipStream_t stream) {
+  KernelArgs args = rec.args();
+  args.set("x", x)
+      .set("out", static_cast<const void*>(out))
+      .set("tw", tw)
+      .set("bch", tables.chirp)
+      .set("filt", tables.filter)
+      .set("scale", static_cast<T>(scale))
+      .set("nrows", static_cast<int32_t>(rows));
+  launch(rec, static_cast<unsigned>((rows + rows_per_block - 1) / rows_per_block), 1, args, stream);
 }
 
 }  // namespace
@@ -38,10 +118,7 @@ int32_t bluestein_m(int32_t n) {
 }
 
 bool bluestein_fused_fits(int32_t m, bool is_double, uint64_t shared_limit) {
-  const uint64_t extra = static_cast<uint64_t>(rader_scratch(m));
-  const uint64_t mm = static_cast<uint64_t>(m);
-  const uint64_t bytes = is_double ? (mm + extra + mm / 8 + 1) * 16 : (mm + extra + mm / 16) * 8 + 8;
-  return bytes <= shared_limit;
+  return row_bytes(m, is_double) <= shared_limit;
 }
 
 BluesteinFusedPlan bluestein_fused_plan(int32_t n, bool is_double, bool inverse) {
@@ -51,9 +128,7 @@ BluesteinFusedPlan bluestein_fused_plan(int32_t n, bool is_double, bool inverse)
   int32_t rest = 1;
   plan.schedule = factor_schedule(plan.m, rest, false);
   plan.tpf = std::max(16, plan.m / 16);
-  const int shift = is_double ? 3 : 4;
-  plan.shared_bytes = static_cast<uint64_t>((plan.m >> shift) + plan.m + 1 + rader_scratch(plan.m)) *
-                      (is_double ? 16 : 8);
+  plan.shared_bytes = row_bytes(plan.m, is_double);
   // The conjugated stages scale each composite radix by 1 / radix, so their
   // gain is the product of the prime radices; dividing by it leaves 1 / m.
   double gain = 1;
@@ -65,14 +140,6 @@ BluesteinFusedPlan bluestein_fused_plan(int32_t n, bool is_double, bool inverse)
   return plan;
 }
 
-std::string bluestein_staged_key(const char* family, int32_t n, int32_t m, bool is_double, int32_t io,
-                                 codegen::BluesteinMode mode, bool inverse) {
-  const char* p = is_double ? "2" : "1";
-  if (std::string(family) == "cgbmul_") return family + std::to_string(m) + "_" + p;
-  return family + std::to_string(n) + "_" + std::to_string(m) + "_" + p + "_" + (io == 0 ? "0" : p) + "_" +
-         std::to_string(static_cast<int>(mode)) + (inverse ? "_i" : "_f");
-}
-
 template <class T>
 void bluestein_fused(const void* x, void* out, int64_t rows, int32_t n, bool inverse, int device,
                      hip_dl::hipStream_t stream) {
@@ -81,26 +148,11 @@ void bluestein_fused(const void* x, void* out, int64_t rows, int32_t n, bool inv
   if (!bluestein_fused_fits(m, is_double, device_shared_limit(device)))
     return bluestein_staged<T>(x, out, rows, n, inverse, codegen::BluesteinMode::complex, device, stream,
                                is_double ? 2 : 1);
-  const BluesteinFusedPlan plan = bluestein_fused_plan(n, is_double, inverse);
-  check_shared(plan.shared_bytes, device, "bluestein: M");
   if (rows <= 0) return;
-  const ChirpTables tables = chirp_tables<T>(n, m, inverse);
-  const void* bch = tables.chirp;
-  const void* filt = tables.filter;
-  const void* tw = twiddle_device<T>(TwiddleKind::fft, m);
-  const hip_dl::hipFunction_t fn = kernel_function(
-      plan.key, device,
-      [&] {
-        return codegen::bluestein_fused_kernel(n, m, plan.schedule, is_double ? 2 : 1, plan.tpf,
-                                               codegen::hip_backend());
-      },
-      "ondrel_fft");
-  T scale = static_cast<T>(plan.scale);
-  int nrows = static_cast<int>(rows);
-  void* args[] = {&x, &out, &tw, &bch, &filt,
-                  &scale, &nrows};
-  launch_kernel(fn, static_cast<unsigned>(rows), 1, static_cast<unsigned>(plan.tpf),
-                static_cast<unsigned>(plan.shared_bytes), args, "ondrel_fft", stream);
+  const BluesteinFusedPlan plan = bluestein_fused_plan(n, is_double, inverse);
+  const LaunchRecord rec = compiled(fused_kernel(n, is_double, inverse), device);
+  launch_fused<T>(rec, x, out, rows, 1, chirp_tables<T>(n, m, inverse), twiddle_device<T>(TwiddleKind::fft, m),
+                  plan.scale, stream);
 }
 
 template <class T>
@@ -113,35 +165,27 @@ void bluestein_staged(const void* x, void* out, int64_t rows, int32_t n, bool in
   four_step_plan(m, is_double, device_shared_limit(device));
   if (rows > kGridY) throw std::runtime_error("ondrel_bgpre: batch exceeds grid.y limit");
   if (rows <= 0) return;
-  const int data = io == 0 ? 0 : prec;
-  const auto& backend = codegen::hip_backend();
-  const hip_dl::hipFunction_t pre = kernel_function(
-      bluestein_staged_key("cgbpre_", n, m, is_double, data, mode, inverse), device,
-      [&] { return codegen::bluestein_pre_kernel(n, m, prec, data, mode, backend); }, "ondrel_bgpre");
-  const hip_dl::hipFunction_t mul =
-      kernel_function(bluestein_staged_key("cgbmul_", n, m, is_double, data, mode, inverse), device,
-                      [&] { return codegen::bluestein_mul_kernel(m, prec, backend); }, "ondrel_bgmul");
-  const hip_dl::hipFunction_t post = kernel_function(
-      bluestein_staged_key("cgbpost_", n, m, is_double, data, mode, inverse), device,
-      [&] { return codegen::bluestein_post_kernel(n, m, prec, data, mode, backend); }, "ondrel_bgpost");
+  const std::vector<KernelPlan> plans = staged_kernels(n, m, is_double, io, mode, inverse);
+  const LaunchRecord pre = compiled(plans[0], device), mul = compiled(plans[1], device),
+                     post = compiled(plans[2], device);
   const ChirpTables tables = chirp_tables<T>(n, m, inverse);
-  const void* bch = tables.chirp;
-  const void* filt = tables.filter;
   const DeviceBuffer scratch(static_cast<size_t>(rows) * static_cast<size_t>(m) * 2 * sizeof(T), stream);
   const auto grid_y = static_cast<unsigned>(rows);
+  const void* z = scratch.p;
 
-  void* z = scratch.p;
-  const void* zc = scratch.p;
-  void* pre_args[] = {&x, &z, &bch};
-  launch_kernel(pre, blocks_for(m), grid_y, kBlock, 0, pre_args, "ondrel_bgpre", stream);
-  four_step<T>(z, z, rows, m, false, device, stream, prec, prec);
-  void* mul_args[] = {&z, &filt};
-  launch_kernel(mul, blocks_for(m), grid_y, kBlock, 0, mul_args, "ondrel_bgmul", stream);
-  four_step<T>(z, z, rows, m, true, device, stream, prec, prec);
-  T scale = static_cast<T>(inverse ? 1.0 / n : 1.0);
+  KernelArgs pre_args = pre.args();
+  pre_args.set("x", x).set("out", z).set("bch", tables.chirp);
+  launch(pre, blocks_for(m), grid_y, pre_args, stream);
+  four_step<T>(z, scratch.p, rows, m, false, device, stream, prec, prec);
+  KernelArgs mul_args = mul.args();
+  mul_args.set("z", z).set("filt", tables.filter);
+  launch(mul, blocks_for(m), grid_y, mul_args, stream);
+  four_step<T>(z, scratch.p, rows, m, true, device, stream, prec, prec);
   const int64_t count = mode == codegen::BluesteinMode::real_forward ? n / 2 + 1 : n;
-  void* post_args[] = {&zc, &out, &bch, &scale};
-  launch_kernel(post, blocks_for(count), grid_y, kBlock, 0, post_args, "ondrel_bgpost", stream);
+  KernelArgs post_args = post.args();
+  post_args.set("z", z).set("out", static_cast<const void*>(out)).set("bch", tables.chirp)
+      .set("scale", static_cast<T>(inverse ? 1.0 / n : 1.0));
+  launch(post, blocks_for(count), grid_y, post_args, stream);
 }
 
 template <class T>
@@ -156,26 +200,12 @@ void bluestein_real_pair(const void* x, void* out, int64_t rows, int32_t n, bool
                          hip_dl::hipStream_t stream) {
   const int32_t m = bluestein_m(n);
   if (!bluestein_fused_fits(m, false, device_shared_limit(device)))
-    return bluestein_staged<float>(x, out, rows, n, inverse,
-                                   inverse ? codegen::BluesteinMode::real_inverse : codegen::BluesteinMode::real_forward,
-                                   device, stream, 1);
-  const BluesteinFusedPlan plan = bluestein_fused_plan(n, false, inverse);
-  const int32_t tpf = pair_tpf(m);
-  check_shared(plan.shared_bytes, device, "bluestein: M");
+    return bluestein_staged<float>(x, out, rows, n, inverse, staged_mode(true, inverse), device, stream, 1);
   if (rows <= 0) return;
-  const ChirpTables tables = chirp_tables<float>(n, m, inverse);
-  const void* bch = tables.chirp;
-  const void* filt = tables.filter;
-  const void* tw = twiddle_device<float>(TwiddleKind::fft, m);
-  const hip_dl::hipFunction_t fn = kernel_function(
-      pair_key(n, m, inverse), device,
-      [&] { return codegen::bluestein_pair_kernel(n, m, plan.schedule, tpf, inverse, codegen::hip_backend()); },
-      inverse ? "ondrel_irfft" : "ondrel_rfft");
-  float scale = static_cast<float>(plan.scale);
-  int nrows = static_cast<int>(rows);
-  void* args[] = {&x, &out, &tw, &bch, &filt, &scale, &nrows};
-  launch_kernel(fn, static_cast<unsigned>((rows + 1) / 2), 1, static_cast<unsigned>(tpf),
-                static_cast<unsigned>(plan.shared_bytes), args, inverse ? "ondrel_irfft" : "ondrel_rfft", stream);
+  const BluesteinFusedPlan plan = bluestein_fused_plan(n, false, inverse);
+  const LaunchRecord rec = compiled(pair_kernel(n, inverse), device);
+  launch_fused<float>(rec, x, out, rows, 2, chirp_tables<float>(n, m, inverse),
+                      twiddle_device<float>(TwiddleKind::fft, m), plan.scale, stream);
 }
 
 template <class T>
@@ -183,43 +213,20 @@ void bluestein_real(const void* x, void* out, int64_t rows, int32_t n, bool inve
                     hip_dl::hipStream_t stream) {
   if constexpr (sizeof(T) == 4)
     if (!half) return bluestein_real_pair(x, out, rows, n, inverse, device, stream);
-  bluestein_staged<T>(x, out, rows, n, inverse,
-                      inverse ? codegen::BluesteinMode::real_inverse : codegen::BluesteinMode::real_forward, device,
-                      stream, half ? 0 : 1);
+  bluestein_staged<T>(x, out, rows, n, inverse, staged_mode(true, inverse), device, stream, half ? 0 : 1);
 }
 
-std::vector<std::pair<std::string, std::string>> bluestein_texts(int32_t n, bool is_double, bool half, bool real,
-                                                                 bool inverse, uint64_t shared_limit) {
-  using codegen::BluesteinMode;
-  const auto& backend = codegen::hip_backend();
-  const int prec = is_double ? 2 : 1, io = half ? 0 : prec;
+std::vector<KernelPlan> bluestein_kernels(int32_t n, bool is_double, bool half, bool real, bool inverse,
+                                          uint64_t shared_limit) {
+  const int prec = prec_of(is_double), io = half ? 0 : prec;
   const int32_t m = bluestein_m(n);
-  std::vector<std::pair<std::string, std::string>> out;
   const bool one_kernel = !half && (!real || !is_double);
-  if (one_kernel && bluestein_fused_fits(m, is_double, shared_limit)) {
-    const BluesteinFusedPlan plan = bluestein_fused_plan(n, is_double, inverse);
-    if (!real) {
-      out.emplace_back(plan.key, codegen::bluestein_fused_kernel(n, m, plan.schedule, prec, plan.tpf, backend));
-      return out;
-    }
-    out.emplace_back(pair_key(n, m, inverse),
-                     codegen::bluestein_pair_kernel(n, m, plan.schedule, pair_tpf(m), inverse, backend));
-    return out;
-  }
-  const BluesteinMode mode = !real ? BluesteinMode::complex
-                             : inverse ? BluesteinMode::real_inverse
-                                       : BluesteinMode::real_forward;
-  out.emplace_back(bluestein_staged_key("cgbpre_", n, m, is_double, io, mode, inverse),
-                   codegen::bluestein_pre_kernel(n, m, prec, io, mode, backend));
-  out.emplace_back(bluestein_staged_key("cgbmul_", n, m, is_double, io, mode, inverse),
-                   codegen::bluestein_mul_kernel(m, prec, backend));
-  out.emplace_back(bluestein_staged_key("cgbpost_", n, m, is_double, io, mode, inverse),
-                   codegen::bluestein_post_kernel(n, m, prec, io, mode, backend));
+  if (one_kernel && bluestein_fused_fits(m, is_double, shared_limit))
+    return {real ? pair_kernel(n, inverse) : fused_kernel(n, is_double, inverse)};
+  std::vector<KernelPlan> out = staged_kernels(n, m, is_double, io, staged_mode(real, inverse), inverse);
   const FourStepPlan plan = four_step_plan(m, is_double, shared_limit);
   for (bool inv : {false, true})
-    for (int pass = 1; pass <= 2; ++pass)
-      out.emplace_back(four_step_key(plan, pass, is_double, prec, prec, inv),
-                       codegen::four_step_pass_kernel(four_step_pass(plan, pass, is_double, prec, prec, inv), backend));
+    for (int pass = 1; pass <= 2; ++pass) out.push_back(four_step_kernel(plan, pass, is_double, prec, prec, inv));
   return out;
 }
 

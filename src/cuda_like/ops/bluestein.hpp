@@ -5,10 +5,10 @@
 // over the compute type T (float also serves half data).
 #include <cstdint>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "codegen/bluestein_kernels.hpp"
+#include "cuda_like/launch/launch_record.hpp"
 #include "rocm/hip_api.hpp"
 
 namespace ondrel {
@@ -30,10 +30,6 @@ int32_t bluestein_m(int32_t n);
 // Whether both length-m transforms of a row fit one block's shared memory.
 bool bluestein_fused_fits(int32_t m, bool is_double, uint64_t shared_limit);
 BluesteinFusedPlan bluestein_fused_plan(int32_t n, bool is_double, bool inverse);
-
-// Kernel keys of the staged form; `io` 0 for half data, else the full width.
-std::string bluestein_staged_key(const char* family, int32_t n, int32_t m, bool is_double, int32_t io,
-                                 codegen::BluesteinMode mode, bool inverse);
 
 // Complex rows at full precision, one kernel. Falls back to the staged form
 // when the row does not fit shared memory.
@@ -67,11 +63,11 @@ template <class T>
 void bluestein_real(const void* x, void* out, int64_t rows, int32_t n, bool inverse, bool half, int device,
                     hip_dl::hipStream_t stream);
 
-// (key, text) of every kernel a Bluestein transform of length n compiles
-// under `shared_limit`, by the same choice as the operations: the fused or
-// pair kernel, or the staged kernels with the four-step passes of length m.
+// Every kernel a Bluestein transform of length n compiles under
+// `shared_limit`, by the same choice as the operations: the fused or pair
+// kernel, or the staged kernels with the four-step passes of length m.
 // `real` picks the real transform (modes 1 and 2 when staged).
-std::vector<std::pair<std::string, std::string>> bluestein_texts(int32_t n, bool is_double, bool half, bool real,
-                                                                 bool inverse, uint64_t shared_limit);
+std::vector<KernelPlan> bluestein_kernels(int32_t n, bool is_double, bool half, bool real, bool inverse,
+                                          uint64_t shared_limit);
 
 }  // namespace ondrel

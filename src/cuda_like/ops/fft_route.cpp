@@ -3,6 +3,11 @@
 #include <algorithm>
 #include <stdexcept>
 
+#include "codegen/backend.hpp"
+#include "codegen/fft_kernel.hpp"
+#include "codegen/real_register_kernels.hpp"
+#include "codegen/register_core.hpp"
+#include "codegen/tile_cores.hpp"
 #include "math/fft_schedule.hpp"
 
 namespace ondrel {
@@ -103,17 +108,22 @@ const char* core_word(FftCore core) {
 FftRoute fft_route(const RouteQuery& q) {
   const int32_t n = q.n;
   if (n < 1) throw std::invalid_argument("fft: n must be at least 1");
-  const bool dbl = q.is_double;
-  const bool packed = q.packed && q.half && !dbl;  // packed pairs exist in the single kernels only
+  const bool dbl = q.prec.is_double();
+  const bool packed = q.prec.packed && q.prec.half() && !dbl;  // packed pairs exist in the single kernels only
   const int32_t elem = dbl ? 16 : 8;
   const uint64_t limit = q.shared_limit;
   const TuneEntry t = bounded(q.tune);
   const bool p2 = is_pow2(n);
+  const int64_t scratch = rader_scratch(n);
 
   FftRoute r;
   r.n = n;
-  r.io_prec = q.half ? 0 : (dbl ? 2 : 1);
-  r.compute_prec = dbl ? 2 : 1;
+  r.io_prec = q.prec.storage;
+  r.compute_prec = q.prec.compute;
+  // The shared core's row, which also decides when a length leaves it.
+  const bool pad = (t.var & kVarPad) && scratch == 0;
+  r.row_bytes = static_cast<uint64_t>(codegen::fft_row_elements(n, pad)) * elem;
+  r.shared_cap = limit;
 
   // A large prime factor: convolution through a smooth length.
   if (takes_bluestein(n)) return routed(r, FftCore::bluestein);
@@ -128,7 +138,7 @@ FftRoute fft_route(const RouteQuery& q) {
   if (t.core != kCoreShared) {
     if (const TiledSize* s = dbl ? find_size(kTiledDouble, n) : find_size(kTiledSingle, n)) {
       const int32_t fpb = t.fpb >= 1 ? static_cast<int32_t>(t.fpb) : s->fpb;
-      const uint64_t bytes = static_cast<uint64_t>(s->radix + 1) * fpb * s->radix * elem;
+      const uint64_t bytes = static_cast<uint64_t>(codegen::tile_elements(s->radix)) * fpb * elem;
       const uint64_t threads = static_cast<uint64_t>(s->radix) * fpb;
       if (bytes <= limit && threads <= kMaxThreads) {
         r.radix = s->radix;
@@ -142,7 +152,7 @@ FftRoute fft_route(const RouteQuery& q) {
     if (dbl)
       if (const TiledSize* s = find_size(kCubeDouble, n)) {
         const int32_t fpb = t.fpb >= 1 ? static_cast<int32_t>(t.fpb) : s->fpb;
-        const uint64_t bytes = static_cast<uint64_t>(n) * fpb * 16;
+        const uint64_t bytes = static_cast<uint64_t>(codegen::cube_elements(s->radix)) * fpb * elem;
         const uint64_t threads = static_cast<uint64_t>(fpb) * s->radix * s->radix;
         if (bytes <= limit && threads <= kMaxThreads) {
           r.radix = s->radix;
@@ -158,12 +168,15 @@ FftRoute fft_route(const RouteQuery& q) {
   // Packed half pairs: two rows per block, one in each half of a pair.
   if (!dbl && t.core == 0 && packed && !q.inverse && (n == 512 || n == 1024 || n == 2048 || n == 4096)) {
     const int32_t ept = n == 4096 ? 32 : 16;
-    const uint64_t bytes = static_cast<uint64_t>(n / ept) * (ept + 1) * 4 + 128;
+    std::vector<int32_t> stages{ept};
+    push_divisors(stages, n / ept, 16);
+    const codegen::RegisterShape shape{n, stages, ept, true, true};
+    const uint64_t bytes = static_cast<uint64_t>(shape.row_elements()) *
+                           codegen::register_element(codegen::hip_backend(), 0, true, true, false).bytes;
     if (bytes <= limit) {
       r.compute_prec = 0;
       r.ept = ept;
-      r.stages = {ept};
-      push_divisors(r.stages, n / ept, 16);
+      r.stages = std::move(stages);
       r.rows_per_block = 2;
       r.threads = static_cast<uint32_t>(n / ept);
       r.shared_bytes = bytes;
@@ -177,7 +190,7 @@ FftRoute fft_route(const RouteQuery& q) {
   bool candidate;
   int32_t ept = 16;
   if (!dbl) {
-    candidate = n == 512 || n == 4096 || n == 8192 || (q.half && (n == 1024 || n == 2048));
+    candidate = n == 512 || n == 4096 || n == 8192 || (q.prec.half() && (n == 1024 || n == 2048));
     if (n == 8192) ept = 32;
   } else {
     candidate = p2 && n >= 2048 && n <= 8192;
@@ -215,7 +228,7 @@ FftRoute fft_route(const RouteQuery& q) {
     // The component-wise exchange pays off on the long rows.
     const bool exchange_default =
         dbl ? (n >= 512 || have_mixed)
-            : (n == 512 || n == 4096 || n == 8192 || (q.half && (n == 1024 || n == 2048)) || have_mixed);
+            : (n == 512 || n == 4096 || n == 8192 || (q.prec.half() && (n == 1024 || n == 2048)) || have_mixed);
     const bool exchange = exchange_default != ((t.var & kVarFlipExchange) != 0);
     std::vector<int32_t> stages;
     if (have_mixed) {
@@ -226,19 +239,19 @@ FftRoute fft_route(const RouteQuery& q) {
     } else {
       push_divisors(stages, n, ept);
     }
-    int32_t fpb = (n == 8192 || (n == 512 && !q.half)) ? 2 : 1;
+    int32_t fpb = (n == 8192 || (n == 512 && !q.prec.half())) ? 2 : 1;
     if (exchange) fpb = dbl ? (n <= 1024 ? 2 : 1) : 1;
     if (have_mixed) fpb = std::max(1, 64 / (n / ept));
     if (t.fpb >= 1) fpb = static_cast<int32_t>(t.fpb);
 
     // Shared bytes of the exchange buffer, or of a padded row.
     const int32_t compute = packed ? 0 : (dbl ? 2 : 1);
-    const uint64_t c = complex_bytes(compute);
     const bool half_exchange = (t.var & kVarHalfExchange) && exchange && r.io_prec == 0 && compute != 0;
     const uint64_t threads = static_cast<uint64_t>(n / ept) * fpb;
+    const codegen::RegisterShape shape{n, stages, ept, exchange, compute == 0};
     const uint64_t bytes =
-        exchange ? (half_exchange ? 2 : c / 2) * fpb * (static_cast<uint64_t>(n / ept) * (ept + 1) + 32)
-                 : c * fpb * (static_cast<uint64_t>(n) / 16 + 1 + n);
+        static_cast<uint64_t>(shape.row_elements()) * fpb *
+        codegen::register_element(codegen::hip_backend(), compute, exchange, false, half_exchange).bytes;
     if (bytes <= limit && threads <= kMaxThreads) {
       r.compute_prec = compute;
       r.ept = ept;
@@ -257,7 +270,6 @@ FftRoute fft_route(const RouteQuery& q) {
 
   // The shared-memory core: threads per transform by length, several
   // short rows per block so that a block has work for 64 threads or more.
-  const int64_t scratch = rader_scratch(n);
   int32_t tpf = std::clamp(n / 8, 16, 256);
   int64_t rows = 1;
   if (p2) {
@@ -275,25 +287,18 @@ FftRoute fft_route(const RouteQuery& q) {
   if (t.tpf > 0) tpf = static_cast<int32_t>(t.tpf);
   if (t.fpb > 0) rows = t.fpb;
   tpf = rader_safe_tpf(tpf, n);
-  r.pad = (t.var & kVarPad) && scratch == 0;
   r.with25 = (t.var & kVarAllow25) && n % 25 == 0;
   // Rows lowered until the block fits.
-  const uint64_t row = (r.pad ? static_cast<uint64_t>(n) / 16 + 1 + n : n) + scratch;
-  const uint64_t row_bytes = row * elem;
-  rows = fit_rows(static_cast<int32_t>(rows), tpf, row_bytes, limit);
-  const uint64_t total = static_cast<uint64_t>(rows) * row_bytes;
+  rows = fit_rows(static_cast<int32_t>(rows), tpf, r.row_bytes, limit);
+  const uint64_t total = static_cast<uint64_t>(rows) * r.row_bytes;
 
   // One row does not fit: two passes of factors that do.
-  if (total > limit && r.io_prec != 0) {
-    const FactorPair split = two_level_split(n, dbl ? 2 : 1, limit);
-    if (split.n1) {
-      r.n1 = split.n1;
-      r.n2 = split.n2;
-      r.pad = r.with25 = false;
-      return routed(r, FftCore::four_step);
-    }
+  if (total > limit && r.io_prec != 0 && two_level_split(n, dbl ? 2 : 1, limit).n1) {
+    r.with25 = false;
+    return routed(r, FftCore::four_step);
   }
   if (total > limit) throw std::invalid_argument("fft: n exceeds the device shared-memory limit");
+  r.pad = pad;
   r.tpf = tpf;
   r.rows_per_block = static_cast<int32_t>(rows);
   r.threads = static_cast<uint32_t>(tpf * rows);
@@ -310,17 +315,25 @@ FftRoute fft_route(const RouteQuery& q) {
 FftRoute rfft_route(const RouteQuery& q) {
   const int32_t n = q.n;
   if (n < 1) throw std::invalid_argument("rfft: n must be at least 1");
-  const bool dbl = q.is_double;
+  const bool dbl = q.prec.is_double();
   const int32_t elem = dbl ? 16 : 8;
   const uint64_t limit = q.shared_limit;
   const TuneEntry t = bounded(q.tune);
   const bool odd = n % 2 == 1;
   const std::string prefix = q.inverse ? "cir" : "cr";
+  // The complex length behind the real one.
+  const int32_t m = odd ? n : std::max(1, n / 2);
+  const int64_t scratch = rader_scratch(m);
 
   FftRoute r;
   r.n = n;
-  r.io_prec = q.half ? 0 : (dbl ? 2 : 1);
-  r.compute_prec = dbl ? 2 : 1;
+  r.io_prec = q.prec.storage;
+  r.compute_prec = q.prec.compute;
+  const bool pad = (t.var & kVarPad) && scratch == 0;
+  r.row_bytes = static_cast<uint64_t>(codegen::fft_row_elements(m, pad)) * elem;
+  // The double kernels leave the shared form of even lengths above the
+  // 48 KiB every device has; the single ones only above the device's own.
+  r.shared_cap = !odd && dbl ? 49152 : limit;
 
   // Large primes, and odd lengths with no native schedule.
   if (takes_bluestein(n) || (odd && n >= 4 && !odd_native(n, dbl, limit)))
@@ -336,7 +349,6 @@ FftRoute rfft_route(const RouteQuery& q) {
   }
 
   // Long even lengths.
-  const int32_t m = odd ? n : n / 2;
   const bool m_p2 = is_pow2(m);
   if (!odd && ((m_p2 && m >= (dbl ? 8192 : 16384)) || (!m_p2 && m > 8192)))
     return routed(r, FftCore::four_step);
@@ -347,7 +359,7 @@ FftRoute rfft_route(const RouteQuery& q) {
     // Elements per thread by length.
     int32_t ept;
     if (dbl) ept = m < 4096 ? 8 : 16;
-    else if (q.half) ept = m <= 64 ? 4 : m <= 128 ? 8 : 16;
+    else if (q.prec.half()) ept = m <= 64 ? 4 : m <= 128 ? 8 : 16;
     else ept = m <= 128 ? 4 : m <= 1024 ? 8 : 16;
     if (t.ept > 0) ept = static_cast<int32_t>(t.ept);
     std::vector<int32_t> stages;
@@ -373,9 +385,9 @@ FftRoute rfft_route(const RouteQuery& q) {
       // Rows per block and the shared exchange row.
       int32_t fpb = std::max(1, 64 / (m / ept));
       if (t.fpb > 0) fpb = static_cast<int32_t>(t.fpb);
-      uint64_t w = static_cast<uint64_t>(ept + 1) * (m / ept) + 32;
-      if (!q.inverse) w = std::max<uint64_t>(w, 2 * static_cast<uint64_t>(m));
-      const uint64_t bytes = (w + w % 2) * fpb * (dbl ? 8 : 4);
+      const codegen::RegisterShape shape{m, stages, ept, true, false};
+      const uint64_t bytes =
+          static_cast<uint64_t>(codegen::real_register_row_reals(shape, q.inverse)) * fpb * (dbl ? 8 : 4);
       const uint64_t threads = static_cast<uint64_t>(m / ept) * fpb;
       if (bytes <= limit && threads <= kMaxThreads) {
         r.ept = ept;
@@ -391,27 +403,22 @@ FftRoute rfft_route(const RouteQuery& q) {
   }
 
   // The shared-memory form on M.
-  const int64_t scratch = rader_scratch(m);
   int32_t tpf = std::clamp(m / 8, 16, 256);
   int64_t rows = m_p2 ? std::max(1, 64 / tpf) : 1;
   if (t.tpf > 0) tpf = static_cast<int32_t>(t.tpf);
   if (t.fpb > 0) rows = t.fpb;
   if (odd) rows = 1;  // the two-for-one rows already pair up
   tpf = rader_safe_tpf(tpf, m);
-  r.pad = (t.var & kVarPad) && scratch == 0;
   r.with25 = (t.var & kVarAllow25) && m % 25 == 0;
-  const uint64_t row = static_cast<uint64_t>(m) + (r.pad ? m / 16 + 1 : 0) + scratch;
-  const uint64_t row_bytes = row * elem;
-  rows = fit_rows(static_cast<int32_t>(rows), tpf, row_bytes, limit);
-  const uint64_t total = static_cast<uint64_t>(rows) * row_bytes;
+  rows = fit_rows(static_cast<int32_t>(rows), tpf, r.row_bytes, limit);
+  const uint64_t total = static_cast<uint64_t>(rows) * r.row_bytes;
 
-  // The double kernels leave the shared form above the 48 KiB every
-  // device has; the single ones only above the device's own limit.
-  if (!odd && total > (dbl ? 49152 : limit)) {
-    r.pad = r.with25 = false;
+  if (!odd && total > r.shared_cap) {
+    r.with25 = false;
     return routed(r, FftCore::four_step);
   }
   if (total > limit) throw std::invalid_argument("rfft: n exceeds the device shared-memory limit");
+  r.pad = pad;
   r.tpf = tpf;
   r.rows_per_block = static_cast<int32_t>(odd ? 2 * rows : rows);
   r.threads = static_cast<uint32_t>(tpf * rows);

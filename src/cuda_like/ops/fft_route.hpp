@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "cuda_like/tune/tuned_table.hpp"
+#include "math/precision.hpp"
 
 namespace ondrel {
 
@@ -22,20 +23,17 @@ constexpr uint32_t kCoreRegister = 2;
 // The request as a caller of fft or rfft makes it.
 struct FftOptions {
   bool inverse = false;
-  bool half = false;  // 16-bit elements in global memory
+  Precision prec;  // also picks the instantiation
   int32_t device = 0;
   void* stream = nullptr;
   const TuneEntry* override = nullptr;  // a tuner's candidate; bypasses the launch records
-  bool packed = false;                  // arithmetic in packed half pairs where a kernel has it
 };
 
-// Everything the decision depends on. `is_double` picks the instantiation.
+// Everything the decision depends on.
 struct RouteQuery {
   int32_t n = 0;
-  bool is_double = false;
+  Precision prec;
   bool inverse = false;
-  bool half = false;
-  bool packed = false;
   TuneEntry tune{};
   uint64_t shared_limit = 49152;
 };
@@ -73,13 +71,13 @@ struct FftRoute {
   bool pad = false;            // SHP padding of the shared row
   bool with25 = false;         // radix 25 in the shared core
   int32_t rader_prime = 0;     // of the twiddle table the shared core reads
-  // The factor pair of a complex four-step route that left the shared core
-  // for lack of memory; 0 where the four-step path chooses its own.
-  int32_t n1 = 0, n2 = 0;
+  // One row of the shared-memory core as the decision measured it (the
+  // complex length behind a real one), and the limit it measured against.
+  uint64_t row_bytes = 0;
+  uint64_t shared_cap = 0;
 
-  uint32_t grid(int64_t rows) const {
-    return static_cast<uint32_t>((rows + rows_per_block - 1) / rows_per_block);
-  }
+  // Whether one kernel serves the route; Bluestein and four-step run several.
+  bool one_kernel() const { return core != FftCore::bluestein && core != FftCore::four_step; }
 };
 
 // Complex FFT of length n. Throws std::invalid_argument

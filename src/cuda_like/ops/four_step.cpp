@@ -6,15 +6,12 @@
 
 #include "codegen/backend.hpp"
 #include "cuda_like/tables/twiddles.hpp"
-#include "rocm/compile.hpp"
 #include "rocm/context.hpp"
 #include "rocm/device_pool.hpp"
 
 namespace ondrel {
 
 namespace {
-
-constexpr int64_t kMaxChunkRows = 65535;  // the grid's y limit
 
 // Data words normalised to the instantiation: 0 stays half, the rest is full width.
 int32_t width_word(int32_t word, bool is_double) { return word == 0 ? 0 : (is_double ? 2 : 1); }
@@ -81,14 +78,21 @@ codegen::FourStepPass four_step_pass(const FourStepPlan& plan, int pass, bool is
   return p;
 }
 
-std::string four_step_key(const FourStepPlan& plan, int pass, bool is_double, int32_t in_word, int32_t out_word,
-                          bool inverse) {
+KernelPlan four_step_kernel(const FourStepPlan& plan, int pass, bool is_double, int32_t in_word, int32_t out_word,
+                            bool inverse) {
   const std::string base = std::to_string(plan.n) + "_" + (is_double ? "2" : "1") + "_" +
                            std::to_string(width_word(in_word, is_double)) +
                            std::to_string(width_word(out_word, is_double)) + (inverse ? "_i" : "_f");
-  const int32_t t = pass == 1 ? plan.t1 : plan.t2;
-  const int32_t threads = pass == 1 ? plan.threads1 : plan.threads2;
-  return (pass == 1 ? "cfs1v2_" : "cfs2v2_") + base + "_" + std::to_string(t) + "x" + std::to_string(threads);
+  const codegen::FourStepPass p = four_step_pass(plan, pass, is_double, in_word, out_word, inverse);
+  KernelPlan k;
+  k.key = (pass == 1 ? "cfs1v2_" : "cfs2v2_") + base + "_" + std::to_string(p.columns) + "x" +
+          std::to_string(p.threads);
+  k.entry = "ondrel_fft";
+  k.threads = static_cast<uint32_t>(p.threads);
+  k.shared_bytes = pass == 1 ? plan.shared1 : plan.shared2;
+  k.params = codegen::four_step_params(pass);
+  k.text = [p] { return codegen::four_step_pass_kernel(p, codegen::hip_backend()); };
+  return k;
 }
 
 template <class T>
@@ -97,35 +101,26 @@ void four_step(const void* x, void* out, int64_t rows, int32_t n, bool inverse, 
   constexpr bool is_double = sizeof(T) == 8;
   const FourStepPlan plan = four_step_plan(n, is_double, device_shared_limit(device));
   if (rows <= 0) return;
-  hip_dl::hipFunction_t fn[2];
-  for (int pass = 1; pass <= 2; ++pass) {
-    const codegen::FourStepPass p = four_step_pass(plan, pass, is_double, in_word, out_word, inverse);
-    fn[pass - 1] = kernel_function(four_step_key(plan, pass, is_double, in_word, out_word, inverse), device,
-                                   [&] { return codegen::four_step_pass_kernel(p, codegen::hip_backend()); },
-                                   "ondrel_fft");
-  }
+  const LaunchRecord pass1 = compiled(four_step_kernel(plan, 1, is_double, in_word, out_word, inverse), device);
+  const LaunchRecord pass2 = compiled(four_step_kernel(plan, 2, is_double, in_word, out_word, inverse), device);
   const void* tw = twiddle_device<T>(TwiddleKind::fft, n);
   const size_t elem = 2 * sizeof(T);
   const size_t in_elem = width_word(in_word, is_double) == 0 ? 4 : elem;
   const size_t out_elem = width_word(out_word, is_double) == 0 ? 4 : elem;
   const DeviceBuffer scratch(static_cast<size_t>(rows) * static_cast<size_t>(n) * elem, stream);
-  for (int64_t start = 0; start < rows; start += kMaxChunkRows) {
-    const int64_t chunk = std::min(kMaxChunkRows, rows - start);
+  for_row_chunks(rows, [&](int64_t start, int64_t chunk) {
     const auto offset = static_cast<size_t>(start) * static_cast<size_t>(n);
     const void* src = static_cast<const char*>(x) + offset * in_elem;
-    void* mid = static_cast<char*>(scratch.p) + offset * elem;
-    void* dst = static_cast<char*>(out) + offset * out_elem;
-    int nrows = static_cast<int>(chunk);
-    void* args1[] = {&src, &mid, &tw, &nrows};
-    launch_kernel(fn[0], static_cast<unsigned>(plan.n1 / plan.t1), static_cast<unsigned>(chunk),
-                  static_cast<unsigned>(plan.threads1), static_cast<unsigned>(plan.shared1), args1, "ondrel_fft",
-                  stream);
-    const void* mid_in = mid;
-    void* args2[] = {&mid_in, &dst, &tw, &nrows};
-    launch_kernel(fn[1], static_cast<unsigned>(plan.n2 / plan.t2), static_cast<unsigned>(chunk),
-                  static_cast<unsigned>(plan.threads2), static_cast<unsigned>(plan.shared2), args2, "ondrel_fft",
-                  stream);
-  }
+    const void* mid = static_cast<char*>(scratch.p) + offset * elem;
+    const void* dst = static_cast<char*>(out) + offset * out_elem;
+    const auto nrows = static_cast<int32_t>(chunk);
+    KernelArgs first = pass1.args();
+    first.set("x", src).set("out", mid).set("tw", tw).set("nrows", nrows);
+    launch(pass1, static_cast<unsigned>(plan.n1 / plan.t1), static_cast<unsigned>(chunk), first, stream);
+    KernelArgs second = pass2.args();
+    second.set("x", mid).set("out", dst).set("tw", tw).set("nrows", nrows);
+    launch(pass2, static_cast<unsigned>(plan.n2 / plan.t2), static_cast<unsigned>(chunk), second, stream);
+  });
 }
 
 template void four_step<float>(const void*, void*, int64_t, int32_t, bool, int, hip_dl::hipStream_t, int32_t,

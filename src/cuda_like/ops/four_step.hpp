@@ -8,6 +8,7 @@
 #include <string>
 
 #include "codegen/four_step_kernels.hpp"
+#include "cuda_like/launch/launch_record.hpp"
 #include "rocm/hip_api.hpp"
 
 namespace ondrel {
@@ -40,9 +41,9 @@ FourStepPlan four_step_plan(int32_t n, bool is_double, uint64_t shared_limit);
 codegen::FourStepPass four_step_pass(const FourStepPlan& plan, int pass, bool is_double, int32_t in_word,
                                      int32_t out_word, bool inverse);
 
-// The kernel key of a pass, "cfs1v2_..." or "cfs2v2_...".
-std::string four_step_key(const FourStepPlan& plan, int pass, bool is_double, int32_t in_word, int32_t out_word,
-                          bool inverse);
+// The kernel of a pass, keyed "cfs1v2_..." or "cfs2v2_...".
+KernelPlan four_step_kernel(const FourStepPlan& plan, int pass, bool is_double, int32_t in_word, int32_t out_word,
+                            bool inverse);
 
 // B rows of N complex values from x to out (which may be the same block),
 // enqueued on `stream`; rows go in chunks of at most 65535. Data words as

@@ -9,7 +9,6 @@
 #include "codegen/four_step_real_kernels.hpp"
 #include "cuda_like/ops/four_step.hpp"
 #include "cuda_like/tables/twiddles.hpp"
-#include "rocm/compile.hpp"
 #include "rocm/context.hpp"
 #include "rocm/device_pool.hpp"
 
@@ -17,30 +16,24 @@ namespace ondrel {
 
 namespace {
 
-constexpr int64_t kMaxChunkRows = 65535;
 constexpr unsigned kBlock = 256;
-
-// Chunks of rows on the grid's y axis; `body` gets the first row and the count.
-template <class F>
-void in_chunks(int64_t rows, F&& body) {
-  for (int64_t start = 0; start < rows; start += kMaxChunkRows) body(start, std::min(kMaxChunkRows, rows - start));
-}
 
 const char* at(const void* base, int64_t row, int64_t per_row, size_t elem) {
   return static_cast<const char*>(base) + static_cast<size_t>(row) * static_cast<size_t>(per_row) * elem;
 }
 
-// The element-wise split or pack over rows of `count` work items.
-void launch_rows(hip_dl::hipFunction_t fn, const void* src, int64_t src_row, size_t src_elem, void* dst,
-                 int64_t dst_row, size_t dst_elem, const void* tw, int64_t rows, int64_t count, const char* name,
+// The element-wise split or pack over rows of `count` work items, from `src`
+// (parameter x) to `dst` (the kernel's output parameter `output`).
+void launch_elements(const LaunchRecord& rec, const void* src, int64_t src_row, size_t src_elem, const char* output,
+                 void* dst, int64_t dst_row, size_t dst_elem, const void* tw, int64_t rows, int64_t count,
                  hip_dl::hipStream_t stream) {
-  in_chunks(rows, [&](int64_t start, int64_t chunk) {
-    const void* a = at(src, start, src_row, src_elem);
-    void* b = const_cast<char*>(at(dst, start, dst_row, dst_elem));
-    int nrows = static_cast<int>(chunk);
-    void* args[] = {&a, &b, &tw, &nrows};
-    launch_kernel(fn, static_cast<unsigned>((count + kBlock - 1) / kBlock), static_cast<unsigned>(chunk), kBlock, 0,
-                  args, name, stream);
+  for_row_chunks(rows, [&](int64_t start, int64_t chunk) {
+    KernelArgs args = rec.args();
+    args.set("x", at(src, start, src_row, src_elem))
+        .set(output, at(dst, start, dst_row, dst_elem))
+        .set("tw", tw)
+        .set("nrows", static_cast<int32_t>(chunk));
+    launch(rec, static_cast<unsigned>((count + kBlock - 1) / kBlock), static_cast<unsigned>(chunk), args, stream);
   });
 }
 
@@ -83,45 +76,51 @@ RealPlan real_plan(int32_t n, bool is_double, int32_t word, bool inverse, uint64
   return plan;
 }
 
-struct Kernel {
-  std::string key, name;
-  std::function<std::string()> text;
-};
+KernelPlan element_kernel(std::string key, std::string entry, bool pack, std::function<std::string()> text) {
+  KernelPlan k;
+  k.key = std::move(key);
+  k.entry = std::move(entry);
+  k.threads = kBlock;
+  k.params = codegen::real_split_params(pack);
+  k.text = std::move(text);
+  return k;
+}
 
 // The kernels of the route in launch order; the complex transform of the
 // plain routes is four_step's own.
-std::vector<Kernel> real_kernels(const RealPlan& plan) {
+std::vector<KernelPlan> real_kernels(const RealPlan& plan) {
   const auto& backend = codegen::hip_backend();
   const bool is_double = plan.prec == 2;
   if (plan.inverse)
-    return {{"crpack_" + plan.base, "ondrel_rpack",
-             [=, &backend] { return codegen::real_pack_kernel(plan.n, plan.prec, plan.data, backend); }}};
+    return {element_kernel("crpack_" + plan.base, "ondrel_rpack", true, [=, &backend] {
+      return codegen::real_pack_kernel(plan.n, plan.prec, plan.data, backend);
+    })};
   if (!plan.paired)
-    return {{"crsplit_" + plan.base, "ondrel_rsplit",
-             [=, &backend] { return codegen::real_split_kernel(plan.n, plan.prec, plan.data, backend); }}};
-  const codegen::FourStepPass first = four_step_pass(plan.inner, 1, is_double, plan.data, plan.prec, false);
+    return {element_kernel("crsplit_" + plan.base, "ondrel_rsplit", false, [=, &backend] {
+      return codegen::real_split_kernel(plan.n, plan.prec, plan.data, backend);
+    })};
+  KernelPlan first = four_step_kernel(plan.inner, 1, is_double, plan.data, plan.prec, false);
+  first.key = "cfr1_" + plan.base + "_" + std::to_string(plan.inner.t1) + "x" + std::to_string(plan.inner.threads1);
   const codegen::RealSplitPass second = plan.second;
-  return {{"cfr1_" + plan.base + "_" + std::to_string(plan.inner.t1) + "x" + std::to_string(plan.inner.threads1),
-           "ondrel_fft", [=, &backend] { return codegen::four_step_pass_kernel(first, backend); }},
-          {"cfr2_" + plan.base + "_" + std::to_string(second.columns) + "x" + std::to_string(second.threads),
-           "ondrel_rfft2", [=, &backend] { return codegen::real_pass2_kernel(second, backend); }}};
+  KernelPlan last;
+  last.key = "cfr2_" + plan.base + "_" + std::to_string(second.columns) + "x" + std::to_string(second.threads);
+  last.entry = "ondrel_rfft2";
+  last.threads = static_cast<uint32_t>(second.threads);
+  last.shared_bytes = plan.shared2;
+  last.params = codegen::real_split_params(false);
+  last.text = [=, &backend] { return codegen::real_pass2_kernel(second, backend); };
+  return {first, last};
 }
-
-hip_dl::hipFunction_t compiled(const Kernel& k, int device) { return kernel_function(k.key, device, k.text, k.name); }
 
 }  // namespace
 
-std::vector<std::pair<std::string, std::string>> four_step_real_texts(int32_t n, bool is_double, int32_t word,
-                                                                     bool inverse, uint64_t shared_limit) {
+std::vector<KernelPlan> four_step_real_kernels(int32_t n, bool is_double, int32_t word, bool inverse,
+                                               uint64_t shared_limit) {
   const RealPlan plan = real_plan(n, is_double, word, inverse, shared_limit);
-  std::vector<std::pair<std::string, std::string>> out;
-  for (const Kernel& k : real_kernels(plan)) out.emplace_back(k.key, k.text());
+  std::vector<KernelPlan> out = real_kernels(plan);
   if (plan.paired) return out;
   const int32_t in = inverse ? plan.prec : plan.data, to = inverse ? plan.data : plan.prec;
-  for (int pass = 1; pass <= 2; ++pass)
-    out.emplace_back(four_step_key(plan.inner, pass, is_double, in, to, inverse),
-                     codegen::four_step_pass_kernel(four_step_pass(plan.inner, pass, is_double, in, to, inverse),
-                                                    codegen::hip_backend()));
+  for (int pass = 1; pass <= 2; ++pass) out.push_back(four_step_kernel(plan.inner, pass, is_double, in, to, inverse));
   return out;
 }
 
@@ -133,41 +132,36 @@ void four_step_real(const void* x, void* out, int64_t rows, int32_t n, bool inve
   if (rows <= 0) return;
   const int32_t nh = plan.nh, prec = plan.prec, data = plan.data;
   const size_t elem = 2 * sizeof(T), data_elem = data == 0 ? 4 : elem;
-  const std::vector<Kernel> kernels = real_kernels(plan);
+  const std::vector<KernelPlan> kernels = real_kernels(plan);
   const void* tw = twiddle_device<T>(TwiddleKind::fft, n);
   const DeviceBuffer z(static_cast<size_t>(rows) * nh * elem, stream);
 
   if (inverse) {
-    launch_rows(compiled(kernels[0], device), x, nh + 1, data_elem, z.p, nh, elem, tw, rows, nh, "ondrel_rpack",
-                stream);
+    launch_elements(compiled(kernels[0], device), x, nh + 1, data_elem, "z", z.p, nh, elem, tw, rows, nh, stream);
     four_step<T>(z.p, out, rows, nh, true, device, stream, prec, data);
     return;
   }
   if (!plan.paired) {
     // No split with an even n2: the complex transform, then the split.
     four_step<T>(x, z.p, rows, nh, false, device, stream, data, prec);
-    launch_rows(compiled(kernels[0], device), z.p, nh, elem, out, nh + 1, data_elem, tw, rows, nh + 1,
-                "ondrel_rsplit", stream);
+    launch_elements(compiled(kernels[0], device), z.p, nh, elem, "out", out, nh + 1, data_elem, tw, rows, nh + 1,
+                stream);
     return;
   }
-  const hip_dl::hipFunction_t pass1 = compiled(kernels[0], device), pass2 = compiled(kernels[1], device);
+  const LaunchRecord pass1 = compiled(kernels[0], device), pass2 = compiled(kernels[1], device);
   const void* tw_half = twiddle_device<T>(TwiddleKind::fft, nh);
   const FourStepPlan& inner = plan.inner;
   const codegen::RealSplitPass& second = plan.second;
-  in_chunks(rows, [&](int64_t start, int64_t chunk) {
-    const void* src = at(x, start, nh, data_elem);
-    void* mid = const_cast<char*>(at(z.p, start, nh, elem));
-    const void* mid_in = mid;
-    void* dst = const_cast<char*>(at(out, start, nh + 1, data_elem));
-    int nrows = static_cast<int>(chunk);
-    void* args1[] = {&src, &mid, &tw_half, &nrows};
-    launch_kernel(pass1, static_cast<unsigned>(inner.n1 / inner.t1), static_cast<unsigned>(chunk),
-                  static_cast<unsigned>(inner.threads1), static_cast<unsigned>(inner.shared1), args1, "ondrel_fft",
-                  stream);
-    void* args2[] = {&mid_in, &dst, &tw, &nrows};
-    launch_kernel(pass2, static_cast<unsigned>(inner.n2 / (2 * second.columns) + 1), static_cast<unsigned>(chunk),
-                  static_cast<unsigned>(second.threads), static_cast<unsigned>(plan.shared2), args2, "ondrel_rfft2",
-                  stream);
+  for_row_chunks(rows, [&](int64_t start, int64_t chunk) {
+    const void* mid = at(z.p, start, nh, elem);
+    const auto nrows = static_cast<int32_t>(chunk);
+    KernelArgs first = pass1.args();
+    first.set("x", at(x, start, nh, data_elem)).set("out", mid).set("tw", tw_half).set("nrows", nrows);
+    launch(pass1, static_cast<unsigned>(inner.n1 / inner.t1), static_cast<unsigned>(chunk), first, stream);
+    KernelArgs split = pass2.args();
+    split.set("x", mid).set("out", at(out, start, nh + 1, data_elem)).set("tw", tw).set("nrows", nrows);
+    launch(pass2, static_cast<unsigned>(inner.n2 / (2 * second.columns) + 1), static_cast<unsigned>(chunk), split,
+           stream);
   });
 }
 

@@ -5,9 +5,9 @@
 // pairs of __half on both sides.
 #include <cstdint>
 #include <string>
-#include <utility>
 #include <vector>
 
+#include "cuda_like/launch/launch_record.hpp"
 #include "rocm/hip_api.hpp"
 
 namespace ondrel {
@@ -16,10 +16,9 @@ template <class T>
 void four_step_real(const void* x, void* out, int64_t rows, int32_t n, bool inverse, int device,
                     hip_dl::hipStream_t stream, int32_t word);
 
-// (key, text) of every kernel that four_step_real compiles for this shape,
-// the passes of its inner complex transform included. Throws as the
-// operation does.
-std::vector<std::pair<std::string, std::string>> four_step_real_texts(int32_t n, bool is_double, int32_t word,
-                                                                     bool inverse, uint64_t shared_limit);
+// Every kernel that four_step_real compiles for this shape, the passes of
+// its inner complex transform included. Throws as the operation does.
+std::vector<KernelPlan> four_step_real_kernels(int32_t n, bool is_double, int32_t word, bool inverse,
+                                               uint64_t shared_limit);
 
 }  // namespace ondrel

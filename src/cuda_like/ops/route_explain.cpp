@@ -3,10 +3,42 @@
 #include <algorithm>
 #include <stdexcept>
 
+#include "cuda_like/ops/bluestein.hpp"
+#include "cuda_like/ops/fft_route.hpp"
+#include "cuda_like/ops/four_step.hpp"
 #include "math/fft_schedule.hpp"
 #include "rocm/context.hpp"
 
 namespace ondrel {
+
+namespace {
+
+// The FFT's answers come from the route a call takes: its decider, its
+// measured row and limit, and the split and convolution length of the
+// multi-kernel paths it would run.
+void explain_fft(RouteExplanation& e, bool real, int32_t prec, uint64_t shared_limit) {
+  RouteQuery q;
+  q.n = e.n_fft;
+  q.prec = precision_code(prec);
+  q.shared_limit = shared_limit;
+  const FftRoute route = real ? rfft_route(q) : fft_route(q);
+  e.smem = route.row_bytes;
+  e.smem_cap = route.shared_cap;
+  e.bluestein = route.core == FftCore::bluestein;
+  e.bluestein_m = e.bluestein ? bluestein_length(e.n_fft) : 0;
+  if (route.core == FftCore::four_step) {
+    const bool is_double = q.prec.is_double();
+    const FourStepPlan split = four_step_plan(e.frame_len, is_double, shared_limit);
+    e.n1 = split.n1;
+    e.n2 = split.n2;
+    e.core = "four_step";
+  } else {
+    e.core = e.bluestein ? "bluestein" : e.pow2 ? "cooley_tukey" : "mixed";
+  }
+  e.staged = *e.core == "four_step";
+}
+
+}  // namespace
 
 RouteExplanation route_explain(const std::string& op, int32_t n, int32_t prec, uint64_t shared_limit) {
   const bool spectral = op == "stft" || op == "mel";
@@ -22,28 +54,19 @@ RouteExplanation route_explain(const std::string& op, int32_t n, int32_t prec, u
   int32_t rest = 1;
   e.schedule = factor_schedule(e.frame_len, rest, false);
   e.rader_prime = rader_prime(e.frame_len);
+  if (op == "fft" || op == "rfft") {
+    explain_fft(e, op == "rfft", prec, shared_limit);
+    return e;
+  }
   e.bluestein = bluestein_wanted(e.frame_len);
   e.bluestein_m = e.bluestein ? bluestein_length(e.frame_len) : 0;
-  const int32_t compute = prec == 2 ? 2 : 1;
-  e.smem = shared_fft_bytes(e.frame_len, compute);
+  e.smem = shared_fft_bytes(e.frame_len, prec == 2 ? 2 : 1);
   e.smem_cap = shared_limit;
-
   if (op == "istft") {
     const bool fused = e.smem <= e.smem_cap && !e.bluestein;
     e.core = fused ? (e.pow2 ? "cooley_tukey" : "mixed") : "four_step";
     e.staged = !fused;
     e.two_for_one = e.odd;
-  } else if (!spectral) {
-    e.core = e.pow2 ? "cooley_tukey" : e.bluestein ? "bluestein" : "mixed";
-    if (e.smem > e.smem_cap) {
-      const FactorPair split = two_level_split(e.frame_len, compute, e.smem_cap);
-      if (split.n1) {
-        e.n1 = split.n1;
-        e.n2 = split.n2;
-        e.core = "four_step";
-      }
-    }
-    e.staged = *e.core == "four_step";
   }
   return e;
 }

@@ -1,6 +1,7 @@
 #pragma once
-// A summary, for a Python caller, of the route a length would take. It
-// considers neither tuned records nor the tiled and register kernels.
+// What route a length takes, for a Python caller. For "fft" and "rfft" the
+// answer is the route a call without tuned records takes, from the same
+// decision; for the frame-based operations it summarises the frame's FFT.
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -27,7 +28,8 @@ struct RouteExplanation {
   std::optional<int32_t> n1, n2;
 };
 
-// Throws std::invalid_argument "route_explain: unknown op <op>".
+// Throws std::invalid_argument "route_explain: unknown op <op>", and the
+// route's own error where no kernel serves the length.
 RouteExplanation route_explain(const std::string& op, int32_t n, int32_t prec, uint64_t shared_limit);
 
 // The shared limit of a device for summaries: the fallback when no runtime

@@ -1,8 +1,8 @@
 #include "cuda_like/tables/twiddles.hpp"
 
-#include "math/hashing.hpp"
-#include "math/fft_schedule.hpp"
 #include "cuda_like/tables/table_cache.hpp"
+#include "math/fft_schedule.hpp"
+#include "math/hashing.hpp"
 
 namespace ondrel {
 

@@ -5,8 +5,8 @@
 #include <string>
 #include <utility>
 
-#include "math/hashing.hpp"
 #include "cuda_like/tables/table_cache.hpp"
+#include "math/hashing.hpp"
 
 namespace ondrel {
 

@@ -5,7 +5,6 @@
 #include <numbers>
 
 #include "codegen/backend.hpp"
-#include "codegen/body_heads.hpp"
 #include "codegen/kernel_writer.hpp"
 
 using ondrel::codegen::hip_backend;
@@ -117,41 +116,6 @@ TEST(KernelWriter, TwiddleSourcesInOrder) {
   EXPECT_EQ(w.twiddle("k", 3, false, false), "v4");
   EXPECT_EQ(w.text().substr(0, 23), "  cplx v0 = twsh[k];\n  ");
   EXPECT_NE(w.text().find("sincos(a1, &s3, &c2);"), std::string::npos);
-}
-
-TEST(BodyHeads, FixedLinesThroughTheDialect) {
-  KernelWriter w(1, hip_backend());
-  ondrel::codegen::flat_ids(w, "q", "nf * NIN", "batch", "I64 t = q / NIN, m = q % NIN;");
-  ondrel::codegen::flat_ids(w, "j", "on", "row", "");
-  EXPECT_EQ(w.text(),
-            "  I64 q = (I64)blockIdx.x * 256 + threadIdx.x;\n"
-            "  if (q >= nf * NIN) return;\n"
-            "  I64 t = q / NIN, m = q % NIN;\n"
-            "  I64 batch = blockIdx.y;\n"
-            "  I64 j = (I64)blockIdx.x * 256 + threadIdx.x;\n"
-            "  if (j >= on) return;\n"
-            "  I64 row = blockIdx.y;\n");
-}
-
-TEST(BodyHeads, FramesAndPairs) {
-  KernelWriter w(1, hip_backend());
-  ondrel::codegen::frame_ids(w);
-  ondrel::codegen::frame_ids_packed(w);
-  ondrel::codegen::row_split(w, "b", "f");
-  ondrel::codegen::pair_rows(w);
-  EXPECT_EQ(w.text(),
-            "  int tid = threadIdx.x;\n"
-            "  int frame = blockIdx.x;\n"
-            "  int batch = blockIdx.y;\n"
-            "  if (frame >= NF) return;\n"
-            "  int f_local = threadIdx.x / TPF;\n"
-            "  int tid = threadIdx.x % TPF;\n"
-            "  int frame = blockIdx.x * F + f_local;\n"
-            "  int batch = blockIdx.y;\n"
-            "  I64 b = row / NF, f = row % NF;\n"
-            "  I64 row0 = 2 * batch; I64 row1 = row0 + 1;\n"
-            "  I64 r0c = row0 < nrows - 1 ? row0 : nrows - 1;\n"
-            "  I64 r1c = row1 < nrows - 1 ? row1 : nrows - 1;\n");
 }
 
 }  // namespace

@@ -12,11 +12,9 @@
 #include <string>
 #include <vector>
 
-#include "codegen/backend.hpp"
-#include "codegen/real_register_kernels.hpp"
-#include "cuda_like/ops/fft_route.hpp"
+#include "cuda_like/ops/fft_launch.hpp"
+#include "cuda_like/ops/rfft.hpp"
 #include "math/twiddle_math.hpp"
-#include "rocm/compile.hpp"
 #include "rocm/context.hpp"
 
 namespace {
@@ -39,9 +37,8 @@ void PrintTo(const RealCase& c, std::ostream* os) { *os << case_name(c); }
 ondrel::FftRoute route_of(const RealCase& c) {
   ondrel::RouteQuery q;
   q.n = c.n;
-  q.is_double = c.prec == 2;
+  q.prec = ondrel::precision_code(c.prec);
   q.inverse = c.inverse;
-  q.half = c.prec == 0;
   if (c.forced) q.tune.core = ondrel::kCoreRegister;
   q.shared_limit = ondrel::device_shared_limit(0);
   return ondrel::rfft_route(q);
@@ -79,8 +76,7 @@ std::vector<double> reference(const RealCase& c, const std::vector<double>& in) 
 // written or something was written past the last row.
 template <class S>
 double run_error(const RealCase& c, const ondrel::FftRoute& route, uint32_t seed) {
-  const bool pair = c.n % 2 == 1;
-  const int32_t m = pair ? c.n : c.n / 2, nb = c.n / 2 + 1;
+  const int32_t nb = c.n / 2 + 1;
   const int64_t in_row = c.inverse ? 2 * nb : c.n, out_row = c.inverse ? c.n : 2 * nb;
   std::mt19937 gen(seed);
   std::normal_distribution<double> normal;
@@ -91,23 +87,10 @@ double run_error(const RealCase& c, const ondrel::FftRoute& route, uint32_t seed
   const std::vector<std::complex<double>> tw = c.prec == 2 ? ondrel::twiddle_table(c.n, 0)
                                                            : std::vector<std::complex<double>>(1);
 
-  const int32_t fpb = pair ? route.rows_per_block / 2 : route.rows_per_block;
-  const auto& backend = ondrel::codegen::hip_backend();
-  const std::string text =
-      c.inverse ? ondrel::codegen::inverse_real_register_kernel(m, route.stages, route.compute_prec, backend, fpb,
-                                                                route.ept, route.io_prec, pair)
-                : ondrel::codegen::real_register_kernel(m, route.stages, route.compute_prec, backend, fpb, route.ept,
-                                                        route.io_prec, pair);
   ondrel::select_device(0);
-  const auto fn = ondrel::kernel_function(route.kernel, 0, [&] { return text; },
-                                          c.inverse ? "ondrel_irfft" : "ondrel_rfft");
-  const void* xp = in.data();
-  void* op = out.data();
-  const void* tp = tw.data();
-  int nrows = c.rows;
-  void* args[] = {&xp, &op, &tp, &nrows};
-  ondrel::launch_kernel(fn, route.grid(c.rows), 1, route.threads, static_cast<unsigned>(route.shared_bytes), args,
-                        route.kernel, nullptr);
+  ondrel::LaunchRecord rec = ondrel::compiled(ondrel::rfft_plan(route, c.inverse), 0);
+  rec.table = tw.data();
+  ondrel::launch_rows(rec, c.inverse ? "X" : "x", in.data(), out.data(), c.rows, nullptr);
 
   const std::vector<double> ref = reference(c, exact);
   double num = 0, den = 0;

@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "math/call_shapes.hpp"
 #include "fake_knobs.hpp"
+#include "math/call_shapes.hpp"
 #include "python/frame.hpp"
 
 namespace {

@@ -6,12 +6,12 @@
 #include <random>
 #include <vector>
 
-#include "math/hashing.hpp"
-#include "math/fft_schedule.hpp"
 #include "cuda_like/tables/table_cache.hpp"
 #include "cuda_like/tables/twiddles.hpp"
 #include "cuda_like/tables/windows.hpp"
 #include "fake_knobs.hpp"
+#include "math/fft_schedule.hpp"
+#include "math/hashing.hpp"
 #include "rocm/device_pool.hpp"
 
 namespace {

@@ -1,10 +1,11 @@
 #include <gtest/gtest.h>
 
+#include <set>
 #include <stdexcept>
 
-#include "math/hashing.hpp"
 #include "cuda_like/ops/fft_launch.hpp"
 #include "cuda_like/tune/tuned_table.hpp"
+#include "math/hashing.hpp"
 
 namespace {
 
@@ -39,8 +40,9 @@ TEST(TunedTable, HintsClearsAndTheEpoch) {
   set_shape_hint("fft", 512, 77, true, 32, "power", 5, 0, e);
   FftOptions o;
   o.inverse = true;
-  EXPECT_EQ(fft_tune_entry(512, false, o).ept, 9u);
-  EXPECT_EQ(fft_tune_entry(512, true, o).ept, 0u);  // stored for width 32, read under 64
+  EXPECT_EQ(fft_tune_entry(512, o).ept, 9u);
+  o.prec = full_width(true);
+  EXPECT_EQ(fft_tune_entry(512, o).ept, 0u);  // stored for width 32, read under 64
 
   shape_hint_clear();
   EXPECT_FALSE(tuned_entry(tuning_key(TuneOp::stft, 1024, 256, true, 32, 1, 0, 0)));
@@ -58,21 +60,31 @@ TEST(TunedTable, UnknownOp) {
   }
 }
 
-TEST(LaunchRecords, KeysAndEpoch) {
-  EXPECT_EQ(fft_record_key(1024, 1, true, 2, true, false),
-            (uint64_t{1024} << 20 | (1u | 32768u) * 16 | (2 * 2 | 1) * 2));
-  EXPECT_EQ(fft_record_key(8, 0, false, 1, false, true), (uint64_t{8} << 20 | 4) + 1);
-  EXPECT_EQ(rfft_record_key(9, 2, true, true, true), (((uint64_t{9} << 16) | 2) * 16 | (4 | 1) * 2) + 1);
-  const uint64_t k = 12345;
-  EXPECT_EQ(record_hash(k, 7), (k * 64 + 7 + 0x9e3779b97f4a7c15ULL + (k >> 2)) ^ k);
+// Every precision a binding can ask for, and both directions, must keep
+// records apart: a shared key would replay another shape's kernel.
+TEST(LaunchRecords, KeysSeparateEveryRequest) {
+  std::set<uint64_t> fft_keys, rfft_keys;
+  for (int32_t prec : {0, 1, 2, 3})
+    for (bool inverse : {false, true})
+      for (int32_t device : {0, 1}) {
+        fft_keys.insert(fft_record_key(1024, device, precision_code(prec), inverse));
+        rfft_keys.insert(rfft_record_key(1024, device, precision_code(prec == 3 ? 0 : prec), inverse));
+      }
+  EXPECT_EQ(fft_keys.size(), 16u);
+  EXPECT_EQ(rfft_keys.size(), 12u);
+}
 
-  LaunchTable& table = fft_records<float>();
+struct Family {};
+
+TEST(LaunchRecords, RecordsLiveOneGeneration) {
+  const uint64_t k = 12345;
+  LaunchTable& table = launch_records<Family, float>();
   LaunchRecord rec;
   rec.threads = 64;
   table.store(k, rec);
   ASSERT_NE(table.find(k), nullptr);
   EXPECT_EQ(table.find(k)->threads, 64u);
-  EXPECT_EQ(fft_records<double>().find(k), nullptr);
+  EXPECT_EQ((launch_records<Family, double>().find(k)), nullptr);
   shape_hint_clear();  // a new generation: the record is not found again
   EXPECT_EQ(table.find(k), nullptr);
 }
@@ -81,7 +93,7 @@ TEST(LaunchRecords, TunerOverrideWins) {
   const TuneEntry cand{4, 1, 0, 2, 0};
   FftOptions o;
   o.override = &cand;
-  EXPECT_EQ(rfft_tune_entry(256, false, o).core, 2u);
+  EXPECT_EQ(rfft_tune_entry(256, o).core, 2u);
 }
 
 }  // namespace

@@ -2,8 +2,8 @@
 
 #include <vector>
 
-#include "math/fft_schedule.hpp"
 #include "host_fft/host_factors.hpp"
+#include "math/fft_schedule.hpp"
 
 namespace {
 

@@ -1,0 +1,47 @@
+#include "cuda_like/launch/launch_record.hpp"
+
+#include <algorithm>
+
+#include "cuda_like/tune/tuned_table.hpp"
+#include "rocm/compile.hpp"
+#include "rocm/context.hpp"
+
+namespace ondrel {
+
+LaunchRecord compiled(const KernelPlan& plan, int device) {
+  LaunchRecord rec;
+  rec.fn = kernel_function(plan.key, device, plan.text, plan.entry);
+  rec.key = plan.key;
+  rec.threads = plan.threads;
+  rec.shared_bytes = static_cast<uint32_t>(plan.shared_bytes);
+  rec.rows_per_block = plan.rows_per_block;
+  rec.params = plan.params;
+  return rec;
+}
+
+void launch(const LaunchRecord& rec, unsigned grid_x, unsigned grid_y, KernelArgs& args,
+            hip_dl::hipStream_t stream) {
+  launch_kernel(rec.fn, grid_x, grid_y, rec.threads, rec.shared_bytes, args.pointers(), rec.key, stream);
+}
+
+void for_row_chunks(int64_t rows, const std::function<void(int64_t, int64_t)>& body) {
+  for (int64_t start = 0; start < rows; start += kMaxGridRows) body(start, std::min(kMaxGridRows, rows - start));
+}
+
+uint64_t record_hash(uint64_t key, uint64_t generation) {
+  return (key * 64 + generation + 0x9e3779b97f4a7c15ULL + (key >> 2)) ^ key;
+}
+
+const LaunchRecord* LaunchTable::find(uint64_t key) const {
+  const uint64_t generation = shape_epoch();
+  auto it = records.find(record_hash(key, generation));
+  if (it == records.end() || it->second.key != key || it->second.generation != generation) return nullptr;
+  return &it->second.record;
+}
+
+void LaunchTable::store(uint64_t key, const LaunchRecord& record) {
+  const uint64_t generation = shape_epoch();
+  records[record_hash(key, generation)] = Entry{key, generation, record};
+}
+
+}  // namespace ondrel

@@ -1,0 +1,45 @@
+#include "cuda_like/launch/kernel_args.hpp"
+
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+
+namespace {
+
+using ondrel::KernelArgs;
+using ondrel::codegen::KernelParam;
+
+const ondrel::codegen::KernelParams kParams = {KernelParam::input("iot", "x"), KernelParam::output("iot", "out"),
+                                               KernelParam::value("float", "scale"),
+                                               KernelParam::value("int", "nrows")};
+
+// Whatever order the host names the arguments in, the array follows the
+// kernel's head.
+TEST(KernelArgs, ArrayFollowsTheHead) {
+  int a = 0, b = 0;
+  KernelArgs args(kParams);
+  args.set("nrows", int32_t{7}).set("scale", 0.5f).set("out", &b).set("x", &a);
+  void** p = args.pointers();
+  EXPECT_EQ(*static_cast<const void**>(p[0]), &a);
+  EXPECT_EQ(*static_cast<const void**>(p[1]), &b);
+  EXPECT_EQ(*static_cast<float*>(p[2]), 0.5f);
+  EXPECT_EQ(*static_cast<int32_t*>(p[3]), 7);
+}
+
+TEST(KernelArgs, RefusesWhatTheHeadDoesNotDeclare) {
+  int a = 0;
+  KernelArgs args(kParams);
+  EXPECT_THROW(args.set("tw", &a), std::logic_error);      // no such parameter
+  EXPECT_THROW(args.set("scale", 0.5), std::logic_error);  // a double for a float
+  EXPECT_THROW(args.set("x", int32_t{1}), std::logic_error);
+  EXPECT_THROW(args.set("nrows", &a), std::logic_error);
+  args.set("x", &a).set("out", &a).set("scale", 1.0f);
+  try {
+    args.pointers();
+    FAIL() << "a missing argument went unnoticed";
+  } catch (const std::logic_error& e) {
+    EXPECT_STREQ(e.what(), "KernelArgs: no value for nrows");
+  }
+}
+
+}  // namespace
