@@ -112,4 +112,8 @@ ONDREL_CPU_API void ondrel_cpu_fail_captures(int count, hipError_t error);
 ONDREL_CPU_API void ondrel_cpu_set_device_count(int count);
 ONDREL_CPU_API void ondrel_cpu_set_memory_capacity(size_t bytes);
 ONDREL_CPU_API size_t ondrel_cpu_memory_in_use(void);
+
+// The fibers that GPU threads run on, as configured when the runtime was
+// built: "boost" (Boost.Context) or "ucontext".
+ONDREL_CPU_API const char* ondrel_cpu_fibers(void);
 }
