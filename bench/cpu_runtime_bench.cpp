@@ -2,6 +2,7 @@
 // a 256-thread block, the launch of an empty kernel, and the compile of a
 // generated kernel of about 200 lines.
 //   build: cmake -S . -B build/bench -DONDREL_BUILD_MODULE=OFF -DONDREL_CPU_BENCH=ON && cmake --build build/bench --target cpu_runtime_bench
+//          (add -DONDREL_CPU_FIBERS=boost or ucontext to measure one kind of fibers)
 //   run:   build/bench/runtimes/cpu/cpu_runtime_bench
 #include <algorithm>
 #include <chrono>
@@ -11,7 +12,7 @@
 #include <vector>
 
 #include "ondrel_cpu/hip.h"
-#include "ondrel_cpu/hiprtc.h"
+#include "ondrel_runtime/hiprtc.h"
 
 namespace {
 
@@ -136,6 +137,7 @@ std::string generated_kernel(int variant) {
 }  // namespace
 
 int main() {
+  std::printf("fibers: %s\n", ondrel_cpu_fibers());
   // One barrier round: a 256-thread block crossing `rounds` barriers, less
   // the same launch with none.
   const std::string barrier_text =

@@ -7,8 +7,8 @@ import pytest
 from fake_libs import HIP_SYMBOLS, fake_hip, fake_hiprtc
 
 LOAD_ERROR = (
-    "ondrel: no usable HIP runtime (libamdhip64). Install the rocm-sdk wheels (pip install "
-    "ondrel[rocm]), a system ROCm, or set ONDREL_HIP_PATH to the library."
+    "ondrel: no usable HIP runtime (libamdhip64). Install a system ROCm or AMD's "
+    "rocm-sdk wheels, or set ONDREL_HIP_PATH to the library."
 )
 
 STATUS = (

@@ -20,8 +20,8 @@ namespace {
 constexpr const char* kHipNames[] = {"libamdhip64.so.7", "libamdhip64.so.6", "libamdhip64.so"};
 
 constexpr const char* kLoadError =
-    "ondrel: no usable HIP runtime (libamdhip64). Install the rocm-sdk wheels (pip install "
-    "ondrel[rocm]), a system ROCm, or set ONDREL_HIP_PATH to the library.";
+    "ondrel: no usable HIP runtime (libamdhip64). Install a system ROCm or AMD's "
+    "rocm-sdk wheels, or set ONDREL_HIP_PATH to the library.";
 
 template <class F>
 bool resolve(void* handle, const char* symbol, F& slot) {

@@ -1,14 +1,10 @@
 #include "hip/block_runner.hpp"
 
 #include <cstring>
-#include <memory>
-#include <utility>
 
-#include "hip/sanitizer_fibers.hpp"
-#include "hip/stack_pool.hpp"
+#include "ondrel_cpu/hip.h"
 
 namespace ondrel_cpu {
-namespace ctx = boost::context;
 namespace {
 
 constexpr unsigned kWarp = 32;
@@ -51,19 +47,13 @@ bool FiberBlock::run(const BlockWork& work) {
   work_ = work;
   n_ = work.block_dim.x * work.block_dim.y * work.block_dim.z;
   const unsigned warps = (n_ + kWarp - 1) / kWarp;
-  slot_.resize(n_ + 1);
-  stack_.resize(n_ + 1);
-  fake_stack_.assign(n_ + 1, nullptr);
   thread_.resize(n_);
   warp_alive_.assign(warps, kWarp);
   if (n_ % kWarp != 0) warp_alive_.back() = n_ % kWarp;
   warp_arrived_.assign(warps, 0);
   for (auto& e : exchange_) e.resize(n_);
-  for (unsigned i = 0; i < n_; ++i) {
-    thread_[i] = {(i + 1) % n_, (i + n_ - 1) % n_, 0, kRunnable, 0};
-    slot_[i] = spawn(i);
-  }
-  stack_[n_] = {nullptr, 0};
+  for (unsigned i = 0; i < n_; ++i) thread_[i] = {(i + 1) % n_, (i + n_ - 1) % n_, 0, kRunnable, 0};
+  fibers_.start(n_, thread_body, this);
   alive_ = runnable_ = n_;
   block_arrived_ = 0;
   stuck_ = abandon_ = false;
@@ -81,7 +71,7 @@ bool FiberBlock::run(const BlockWork& work) {
 void FiberBlock::abandon_stuck_threads() {
   abandon_ = true;
   for (unsigned i = 0; i < n_; ++i) {
-    if (slot_[i]) resume(i);
+    if (thread_[i].wait != kDone) resume(i);
   }
 }
 
@@ -89,27 +79,19 @@ namespace {
 struct Abandoned {};
 }  // namespace
 
-ctx::fiber FiberBlock::spawn(unsigned i) {
-  StackPool& pool = StackPool::local();
-  const ctx::stack_context stack = pool.take();
-  stack_[i] = {static_cast<const char*>(stack.sp) - stack.size, stack.size};
-  return ctx::fiber(std::allocator_arg, PooledStack{&pool, stack}, [this, i](ctx::fiber&& caller) {
-    const void* old_bottom = nullptr;
-    size_t old_size = 0;
-    finish_stack_switch(nullptr, &old_bottom, &old_size);
-    if (from_ == n_) stack_[n_] = {old_bottom, old_size};
-    slot_[from_] = std::move(caller);
-    try {
-      work_.entry(work_.args);
-    } catch (const Abandoned&) {
-    }
-    return leave(i);
-  });
+unsigned FiberBlock::thread_body(void* self, unsigned i) {
+  FiberBlock& block = *static_cast<FiberBlock*>(self);
+  try {
+    block.work_.entry(block.work_.args);
+  } catch (const Abandoned&) {
+  }
+  return block.leave(i);
 }
 
 // A returning thread leaves the ring and every count, which may complete the
 // barrier or shuffle that the others wait at.
-ctx::fiber FiberBlock::leave(unsigned i) {
+unsigned FiberBlock::leave(unsigned i) {
+  thread_[i].wait = kDone;
   unsigned next = n_;
   if (!abandon_) {
     const unsigned after = thread_[i].next;
@@ -127,11 +109,9 @@ ctx::fiber FiberBlock::leave(unsigned i) {
       next = next_runnable(after);
     }
   }
-  from_ = i;
   current_ = next;
   if (next < n_) set_thread(next);
-  start_stack_switch(nullptr, stack_[next].bottom, stack_[next].size);
-  return std::move(slot_[next]);
+  return next;
 }
 
 void FiberBlock::barrier() {
@@ -176,13 +156,9 @@ void FiberBlock::shuffle(const void* in, void* out, unsigned bytes, int lane_mas
 
 [[gnu::always_inline]] inline void FiberBlock::resume(unsigned to) {
   const unsigned me = current_;
-  from_ = me;
   current_ = to;
   if (to < n_) set_thread(to);
-  start_stack_switch(&fake_stack_[me], stack_[to].bottom, stack_[to].size);
-  ctx::fiber back = std::move(slot_[to]).resume();
-  finish_stack_switch(fake_stack_[me], nullptr, nullptr);
-  slot_[from_] = std::move(back);
+  fibers_.switch_to(me, to);
 }
 
 [[gnu::always_inline]] inline unsigned FiberBlock::next_runnable(unsigned from) const {
@@ -214,3 +190,5 @@ void FiberBlock::release_warp(unsigned w) {
 }
 
 }  // namespace ondrel_cpu
+
+extern "C" const char* ondrel_cpu_fibers(void) { return ondrel_cpu::Fibers::kKind; }

@@ -2,12 +2,11 @@
 // with real barriers and warp shuffles, or as a plain loop when the program
 // uses neither.
 #pragma once
-#include <boost/context/fiber.hpp>
-
 #include <cstdint>
 #include <vector>
 
 #include "device/kernel_abi.hpp"
+#include "hip/fibers.hpp"
 
 namespace ondrel_cpu {
 
@@ -35,7 +34,7 @@ class FiberBlock {
   static const Services& services();
 
  private:
-  enum Wait : uint8_t { kRunnable, kAtBarrier, kAtWarp };
+  enum Wait : uint8_t { kRunnable, kAtBarrier, kAtWarp, kDone };
   struct Thread {
     unsigned next, prev;  // ring of live threads
     unsigned generation;  // of the block barrier the thread waits at
@@ -43,13 +42,8 @@ class FiberBlock {
     uint8_t phase;        // which shuffle buffer the thread's next shuffle uses
   };
 
-  struct Stack {
-    const void* bottom;
-    size_t size;
-  };
-
-  boost::context::fiber spawn(unsigned i);
-  boost::context::fiber leave(unsigned i);
+  static unsigned thread_body(void* self, unsigned i);
+  unsigned leave(unsigned i);
   void block_and_switch(unsigned me, Wait why);
   void resume(unsigned to);
   void abandon_stuck_threads();
@@ -60,14 +54,12 @@ class FiberBlock {
 
   BlockWork work_{};
   unsigned n_ = 0;
-  std::vector<boost::context::fiber> slot_;  // n_ threads, then the host's own context
-  std::vector<Stack> stack_;                 // bounds of each slot's stack, for AddressSanitizer
-  std::vector<void*> fake_stack_;            // AddressSanitizer's saved state of each slot
+  Fibers fibers_;  // slots 0 to n_-1 are the threads, n_ the host
   std::vector<Thread> thread_;
   std::vector<unsigned> warp_alive_, warp_arrived_;
   std::vector<uint64_t> exchange_[2];
   unsigned alive_ = 0, runnable_ = 0, block_arrived_ = 0, generation_ = 0;
-  unsigned current_ = 0, from_ = 0;
+  unsigned current_ = 0;
   bool stuck_ = false;
   bool abandon_ = false;  // resumed threads unwind instead of going on
 };

@@ -86,12 +86,12 @@ hipError_t hipGetDevicePropertiesR0600(hipDeviceProp_tR0600* props, int device) 
   if (props == nullptr) return hipErrorInvalidValue;
   if (!device_ok(device)) return hipErrorInvalidDevice;
   char* bytes = reinterpret_cast<char*>(props);
-  std::memset(bytes, 0, ondrelCpuPropsSize);
+  std::memset(bytes, 0, ondrelPropsSize);
   const std::string name = "ondrel CPU runtime (" + cpu_model() + ")";
   const std::string arch = ondrel_cpu::arch_word();
   constexpr size_t kText = 256;
-  std::memcpy(bytes + ondrelCpuPropsNameOffset, name.c_str(), std::min(name.size(), kText - 1));
-  std::memcpy(bytes + ondrelCpuPropsArchOffset, arch.c_str(), std::min(arch.size(), kText - 1));
+  std::memcpy(bytes + ondrelPropsNameOffset, name.c_str(), std::min(name.size(), kText - 1));
+  std::memcpy(bytes + ondrelPropsArchOffset, arch.c_str(), std::min(arch.size(), kText - 1));
   return hipSuccess;
 }
 

@@ -17,7 +17,7 @@ StackPool::~StackPool() {
   for (void* m : mapped_) munmap(m, kStackBytes + page_bytes());
 }
 
-boost::context::stack_context StackPool::take() {
+Stack StackPool::take() {
   if (free_.empty()) {
     void* m = mmap(nullptr, kStackBytes + page_bytes(), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (m == MAP_FAILED) throw std::bad_alloc();
@@ -25,14 +25,12 @@ boost::context::stack_context StackPool::take() {
     mapped_.push_back(m);
     free_.push_back(static_cast<char*>(m) + page_bytes() + kStackBytes);
   }
-  boost::context::stack_context s;
-  s.size = kStackBytes;
-  s.sp = free_.back();
+  const Stack s{free_.back(), kStackBytes};
   free_.pop_back();
   return s;
 }
 
-void StackPool::give(boost::context::stack_context s) noexcept { free_.push_back(s.sp); }
+void StackPool::give(Stack s) noexcept { free_.push_back(s.top); }
 
 StackPool& StackPool::local() {
   thread_local StackPool pool;

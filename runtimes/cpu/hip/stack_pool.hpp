@@ -2,12 +2,17 @@
 // thread runs, each with an inaccessible page below it so that an overflow
 // faults instead of corrupting a neighbour.
 #pragma once
-#include <boost/context/stack_context.hpp>
-
 #include <cstddef>
 #include <vector>
 
 namespace ondrel_cpu {
+
+// A stack grows down from `top`; its lowest byte is top - size.
+struct Stack {
+  void* top;
+  size_t size;
+  void* bottom() const { return static_cast<char*>(top) - size; }
+};
 
 class StackPool {
  public:
@@ -18,8 +23,8 @@ class StackPool {
   StackPool& operator=(const StackPool&) = delete;
   ~StackPool();
 
-  boost::context::stack_context take();
-  void give(boost::context::stack_context s) noexcept;
+  Stack take();
+  void give(Stack s) noexcept;
 
   // The pool of the calling host thread.
   static StackPool& local();
@@ -27,15 +32,6 @@ class StackPool {
  private:
   std::vector<void*> free_;    // stack tops ready for use
   std::vector<void*> mapped_;  // every mapping, guard page first
-};
-
-// The stack allocator Boost.Context expects: hands out one stack taken from
-// a pool beforehand, and returns it there when the fiber ends.
-struct PooledStack {
-  StackPool* pool;
-  boost::context::stack_context stack;
-  boost::context::stack_context allocate() { return stack; }
-  void deallocate(boost::context::stack_context& s) noexcept { pool->give(s); }
 };
 
 }  // namespace ondrel_cpu

@@ -1,166 +1,36 @@
 // hipRTC over the host compiler: a program is kernel text plus in-memory
 // headers; compiling it builds a shared object whose bytes are the code.
-#include "ondrel_cpu/hiprtc.h"
-
 #include <exception>
-#include <memory>
-#include <mutex>
-#include <new>
 #include <string>
-#include <unordered_map>
 #include <utility>
 #include <vector>
 
 #include "rtc/host_compiler.hpp"
+#include "rtc/program.hpp"
 #include "rtc/program_text.hpp"
 
-struct OndrelCpuProgram {
-  std::string source;
-  std::string name;
-  std::vector<std::pair<std::string, std::string>> headers;
-  std::string log;
-  std::string code;
-};
+namespace ondrel_rtc {
 
-namespace {
-
-constexpr int kVersionMajor = ONDREL_CPU_VERSION_MAJOR;
-constexpr int kVersionMinor = ONDREL_CPU_VERSION_MINOR;
-
-// Programs alive in the process, so that a stale or foreign handle is refused
-// instead of followed. Never destroyed: a caller may destroy its programs from
-// its own static destructors at exit.
-class Programs {
- public:
-  hiprtcProgram add(std::unique_ptr<OndrelCpuProgram> p) {
-    std::lock_guard lock(mutex_);
-    hiprtcProgram h = p.get();
-    live_.emplace(h, std::move(p));
-    return h;
-  }
-  bool contains(hiprtcProgram p) {
-    std::lock_guard lock(mutex_);
-    return live_.count(p) != 0;
-  }
-  bool remove(hiprtcProgram p) {
-    std::lock_guard lock(mutex_);
-    return live_.erase(p) != 0;
-  }
-
- private:
-  std::mutex mutex_;
-  std::unordered_map<hiprtcProgram, std::unique_ptr<OndrelCpuProgram>> live_;
-};
-
-Programs& programs() {
-  static auto& p = *new Programs;
-  return p;
-}
-
-}  // namespace
-
-extern "C" {
-
-hiprtcResult hiprtcVersion(int* major, int* minor) {
-  if (major == nullptr || minor == nullptr) return HIPRTC_ERROR_INVALID_INPUT;
-  *major = kVersionMajor;
-  *minor = kVersionMinor;
+hiprtcResult version(int* major, int* minor) {
+  *major = ONDREL_CPU_VERSION_MAJOR;
+  *minor = ONDREL_CPU_VERSION_MINOR;
   return HIPRTC_SUCCESS;
 }
 
-const char* hiprtcGetErrorString(hiprtcResult result) {
-  switch (result) {
-    case HIPRTC_SUCCESS: return "HIPRTC_SUCCESS";
-    case HIPRTC_ERROR_OUT_OF_MEMORY: return "HIPRTC_ERROR_OUT_OF_MEMORY";
-    case HIPRTC_ERROR_PROGRAM_CREATION_FAILURE: return "HIPRTC_ERROR_PROGRAM_CREATION_FAILURE";
-    case HIPRTC_ERROR_INVALID_INPUT: return "HIPRTC_ERROR_INVALID_INPUT";
-    case HIPRTC_ERROR_INVALID_PROGRAM: return "HIPRTC_ERROR_INVALID_PROGRAM";
-    case HIPRTC_ERROR_INVALID_OPTION: return "HIPRTC_ERROR_INVALID_OPTION";
-    case HIPRTC_ERROR_COMPILATION: return "HIPRTC_ERROR_COMPILATION";
-    case HIPRTC_ERROR_INTERNAL_ERROR: return "HIPRTC_ERROR_INTERNAL_ERROR";
-    default: return "HIPRTC_ERROR_UNKNOWN";
-  }
-}
-
-hiprtcResult hiprtcCreateProgram(hiprtcProgram* prog, const char* source, const char* name, int num_headers,
-                                 const char* const* headers, const char* const* include_names) {
-  if (prog == nullptr || source == nullptr || num_headers < 0) return HIPRTC_ERROR_INVALID_INPUT;
-  if (num_headers > 0 && (headers == nullptr || include_names == nullptr)) return HIPRTC_ERROR_INVALID_INPUT;
+hiprtcResult compile(OndrelRtcProgram& p, std::vector<std::string> options) {
   try {
-    auto p = std::make_unique<OndrelCpuProgram>();
-    p->source = source;
-    p->name = name != nullptr && *name != '\0' ? name : "default_program";
-    for (int i = 0; i < num_headers; ++i) {
-      if (headers[i] == nullptr || include_names[i] == nullptr) return HIPRTC_ERROR_INVALID_INPUT;
-      p->headers.emplace_back(include_names[i], headers[i]);
-    }
-    *prog = programs().add(std::move(p));
-    return HIPRTC_SUCCESS;
-  } catch (const std::bad_alloc&) {
-    return HIPRTC_ERROR_OUT_OF_MEMORY;
-  }
-}
-
-hiprtcResult hiprtcDestroyProgram(hiprtcProgram* prog) {
-  if (prog == nullptr) return HIPRTC_ERROR_INVALID_INPUT;
-  if (!programs().remove(*prog)) return HIPRTC_ERROR_INVALID_PROGRAM;
-  *prog = nullptr;
-  return HIPRTC_SUCCESS;
-}
-
-hiprtcResult hiprtcCompileProgram(hiprtcProgram prog, int num_options, const char* const* options) {
-  if (!programs().contains(prog)) return HIPRTC_ERROR_INVALID_PROGRAM;
-  if (num_options < 0 || (num_options > 0 && options == nullptr)) return HIPRTC_ERROR_INVALID_INPUT;
-  prog->log.clear();
-  prog->code.clear();
-  try {
-    std::vector<std::string> opts;
-    for (int i = 0; i < num_options; ++i) {
-      if (options[i] == nullptr) return HIPRTC_ERROR_INVALID_OPTION;
-      opts.emplace_back(options[i]);
-    }
-    ondrel_cpu::CompileResult r =
-        ondrel_cpu::compile_unit(ondrel_cpu::program_unit(prog->source, prog->name), prog->headers, opts);
-    prog->log = std::move(r.log);
+    const std::string unit = ondrel_cpu::program_unit(p.source, p.name);
+    ondrel_cpu::CompileResult r = ondrel_cpu::compile_unit(unit, p.headers, options);
+    p.log = std::move(r.log);
     if (!r.ok) return HIPRTC_ERROR_COMPILATION;
-    prog->code = std::move(r.code);
+    p.code = std::move(r.code);
     return HIPRTC_SUCCESS;
   } catch (const std::bad_alloc&) {
-    return HIPRTC_ERROR_OUT_OF_MEMORY;
+    throw;
   } catch (const std::exception& e) {
-    prog->log = std::string("ondrel CPU hipRTC: ") + e.what() + "\n";
+    p.log = std::string("ondrel CPU hipRTC: ") + e.what() + "\n";
     return HIPRTC_ERROR_INTERNAL_ERROR;
   }
 }
 
-// Sizes count the terminating zero, as hipRTC's do.
-hiprtcResult hiprtcGetProgramLogSize(hiprtcProgram prog, size_t* size) {
-  if (!programs().contains(prog)) return HIPRTC_ERROR_INVALID_PROGRAM;
-  if (size == nullptr) return HIPRTC_ERROR_INVALID_INPUT;
-  *size = prog->log.size() + 1;
-  return HIPRTC_SUCCESS;
-}
-
-hiprtcResult hiprtcGetProgramLog(hiprtcProgram prog, char* log) {
-  if (!programs().contains(prog)) return HIPRTC_ERROR_INVALID_PROGRAM;
-  if (log == nullptr) return HIPRTC_ERROR_INVALID_INPUT;
-  prog->log.copy(log, prog->log.size());
-  log[prog->log.size()] = '\0';
-  return HIPRTC_SUCCESS;
-}
-
-hiprtcResult hiprtcGetCodeSize(hiprtcProgram prog, size_t* size) {
-  if (!programs().contains(prog)) return HIPRTC_ERROR_INVALID_PROGRAM;
-  if (size == nullptr) return HIPRTC_ERROR_INVALID_INPUT;
-  *size = prog->code.size();
-  return HIPRTC_SUCCESS;
-}
-
-hiprtcResult hiprtcGetCode(hiprtcProgram prog, char* code) {
-  if (!programs().contains(prog)) return HIPRTC_ERROR_INVALID_PROGRAM;
-  if (code == nullptr) return HIPRTC_ERROR_INVALID_INPUT;
-  prog->code.copy(code, prog->code.size());
-  return HIPRTC_SUCCESS;
-}
-
-}  // extern "C"
+}  // namespace ondrel_rtc

@@ -82,14 +82,14 @@ hipError_t hipGetDevicePropertiesR0600(hipDeviceProp_tR0600* props, int device) 
   if (hipError_t e = device_handle(device, d, handle); e != hipSuccess) return e;
   constexpr int kText = 256;
   char* bytes = reinterpret_cast<char*>(props);
-  std::memset(bytes, 0, ondrelCudaPropsSize);
+  std::memset(bytes, 0, ondrelPropsSize);
   int major = 0, minor = 0;
-  CUresult r = d->DeviceGetName(bytes + ondrelCudaPropsNameOffset, kText - 1, handle);
+  CUresult r = d->DeviceGetName(bytes + ondrelPropsNameOffset, kText - 1, handle);
   if (r == CUDA_SUCCESS) r = d->DeviceGetAttribute(&major, CU_DEVICE_ATTRIBUTE_COMPUTE_CAPABILITY_MAJOR, handle);
   if (r == CUDA_SUCCESS) r = d->DeviceGetAttribute(&minor, CU_DEVICE_ATTRIBUTE_COMPUTE_CAPABILITY_MINOR, handle);
   if (r != CUDA_SUCCESS) return to_hip(r);
   const std::string arch = "sm_" + std::to_string(major) + std::to_string(minor);
-  std::memcpy(bytes + ondrelCudaPropsArchOffset, arch.c_str(), std::min<size_t>(arch.size(), kText - 1));
+  std::memcpy(bytes + ondrelPropsArchOffset, arch.c_str(), std::min<size_t>(arch.size(), kText - 1));
   return hipSuccess;
 }
 

@@ -165,15 +165,15 @@ TEST(Device, SharedLimitFollowsTheEnvironment) {
 }
 
 TEST(Device, PropertiesNameTheHostAndItsArchitecture) {
-  alignas(16) char props[ondrelCpuPropsSize + 16];
+  alignas(16) char props[ondrelPropsSize + 16];
   std::memset(props, 0x5a, sizeof props);
   ASSERT_EQ(hipGetDevicePropertiesR0600(reinterpret_cast<hipDeviceProp_tR0600*>(props), 0), hipSuccess);
   EXPECT_EQ(std::string(props).rfind("ondrel CPU runtime (", 0), 0u) << props;
-  const std::string arch(props + ondrelCpuPropsArchOffset);
+  const std::string arch(props + ondrelPropsArchOffset);
   EXPECT_EQ(arch.rfind("cpu_", 0), 0u) << arch;
   EXPECT_EQ(arch.find(':'), std::string::npos);
-  EXPECT_EQ(props[ondrelCpuPropsSize], 0x5a);  // nothing written past the struct
-  EXPECT_EQ(props[ondrelCpuPropsSize - 1], 0);
+  EXPECT_EQ(props[ondrelPropsSize], 0x5a);  // nothing written past the struct
+  EXPECT_EQ(props[ondrelPropsSize - 1], 0);
 }
 
 }  // namespace

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "ondrel_cpu/hip.h"
-#include "ondrel_cpu/hiprtc.h"
+#include "ondrel_runtime/hiprtc.h"
 
 namespace ondrel_cpu_test {
 
