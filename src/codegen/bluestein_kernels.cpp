@@ -20,15 +20,19 @@ KernelParams bluestein_row_params(const std::string& in, const std::string& out,
           KernelParam::value("int", "nrows")};
 }
 
-KernelParams bluestein_pre_params(const std::string& in) {
+// Real rows are plain reals of the data's precision (half reals are
+// __half); spectra and complex rows are `iot`.
+KernelParams bluestein_pre_params(const Backend& backend, int prec, int io, BluesteinMode mode) {
+  const std::string in = mode == BluesteinMode::real_forward ? backend.real_type(io == 0 ? 0 : prec) : "iot";
   return {KernelParam::input(in, "x"), KernelParam::output("cplx", "out"), KernelParam::input("cplx", "bch")};
 }
 
 KernelParams bluestein_mul_params() { return {KernelParam::output("cplx", "z"), KernelParam::input("cplx", "filt")}; }
 
-KernelParams bluestein_post_params(const std::string& out, const std::string& real) {
+KernelParams bluestein_post_params(const Backend& backend, int prec, int io, BluesteinMode mode) {
+  const std::string out = mode == BluesteinMode::real_inverse ? backend.real_type(io == 0 ? 0 : prec) : "iot";
   return {KernelParam::input("cplx", "z"), KernelParam::output(out, "out"), KernelParam::input("cplx", "bch"),
-          KernelParam::value(real, "scale")};
+          KernelParam::value(backend.real_type(prec), "scale")};
 }
 
 std::string bluestein_fused_kernel(int32_t n, int32_t m, const std::vector<int32_t>& schedule, int prec,
@@ -145,12 +149,10 @@ std::string bluestein_pair_kernel(int32_t n, int32_t m, const std::vector<int32_
 std::string bluestein_pre_kernel(int32_t n, int32_t m, int prec, int io, BluesteinMode mode,
                                  const Backend& backend) {
   const std::string real = backend.real_type(prec);
-  const int data = io == 0 ? 0 : prec;
-  const bool real_rows = mode == BluesteinMode::real_forward;
-  // Real rows are plain reals of the data's precision; half reals are __half.
-  const std::string in_type = real_rows ? backend.real_type(data) : "iot";
+  const KernelParams params = bluestein_pre_params(backend, prec, io, mode);
+  const std::string& in_type = params[0].type;
   const int64_t in_row = mode == BluesteinMode::real_inverse ? n / 2 + 1 : n;
-  std::string text = fft_prelude(backend, prec, data) + KernelSig("ondrel_bgpre", backend, bluestein_pre_params(in_type)).head();
+  std::string text = fft_prelude(backend, prec, io == 0 ? 0 : prec) + KernelSig("ondrel_bgpre", backend, params).head();
   KernelWriter w(prec, backend);
   flat_ids(w, "i", std::to_string(m), "row", "");
   w.emit("const DEV $* xb = x + row * $;", in_type, in_row);
@@ -189,18 +191,15 @@ std::string bluestein_mul_kernel(int32_t m, int prec, const Backend& backend) {
 
 std::string bluestein_post_kernel(int32_t n, int32_t m, int prec, int io, BluesteinMode mode,
                                   const Backend& backend) {
-  const std::string real = backend.real_type(prec);
   const int data = io == 0 ? 0 : prec;
-  const bool real_rows = mode == BluesteinMode::real_inverse;
-  const std::string out_type = real_rows ? backend.real_type(data) : "iot";
   const int64_t count = mode == BluesteinMode::real_forward ? n / 2 + 1 : n;
   std::string text = fft_prelude(backend, prec, data) +
-                     KernelSig("ondrel_bgpost", backend, bluestein_post_params(out_type, real)).head();
+                     KernelSig("ondrel_bgpost", backend, bluestein_post_params(backend, prec, io, mode)).head();
   KernelWriter w(prec, backend);
   flat_ids(w, "i", std::to_string(count), "row", "");
   w.emit("cplx r = cmul(z[row * $ + i], bch[i]);", m);
   w.emit("out[row * $ + i] = $;", count,
-         real_rows ? backend.convert(data, "r.x * scale") : backend.make_pair(data, "r.x * scale", "r.y * scale"));
+         mode == BluesteinMode::real_inverse ? backend.convert(data, "r.x * scale") : backend.make_pair(data, "r.x * scale", "r.y * scale"));
   return text + w.text() + "}\n";
 }
 

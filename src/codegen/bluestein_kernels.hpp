@@ -16,13 +16,6 @@ namespace ondrel::codegen {
 // SHP, with the Rader scratch of m.
 int64_t bluestein_row_elements(int32_t m, int prec);
 
-// Heads: the one-kernel forms "(x, out, tw, bch, filt, scale, nrows)" with
-// rows of `in` and `out` and a `real` scale; the staged kernels "(x, out,
-// bch)", "(z, filt)" and "(z, out, bch, scale)".
-KernelParams bluestein_row_params(const std::string& in, const std::string& out, const std::string& real);
-KernelParams bluestein_pre_params(const std::string& in);
-KernelParams bluestein_mul_params();
-KernelParams bluestein_post_params(const std::string& out, const std::string& real);
 
 // "ondrel_fft(x, out, tw, bch, filt, scale, nrows)", one row a block of
 // `tpf` threads. The inverse convolution pass runs conjugated stages whose
@@ -41,6 +34,15 @@ std::string bluestein_pair_kernel(int32_t n, int32_t m, const std::vector<int32_
 // Modes of the staged kernels: complex rows, real rows to half spectra, half
 // spectra to real rows.
 enum class BluesteinMode : int { complex = 0, real_forward = 1, real_inverse = 2 };
+
+// Heads: the one-kernel forms "(x, out, tw, bch, filt, scale, nrows)" with
+// rows of `in` and `out` and a `real` scale; the staged kernels "(x, out,
+// bch)", "(z, filt)" and "(z, out, bch, scale)" of precision `prec` on data
+// `io` (0 half, else full width) in `mode`.
+KernelParams bluestein_row_params(const std::string& in, const std::string& out, const std::string& real);
+KernelParams bluestein_pre_params(const Backend& backend, int prec, int io, BluesteinMode mode);
+KernelParams bluestein_mul_params();
+KernelParams bluestein_post_params(const Backend& backend, int prec, int io, BluesteinMode mode);
 
 // "ondrel_bgpre(x, out, bch)": rows of the data times the chirp, zero
 // padded to m. `io` 0 means half data, anything else the full width.

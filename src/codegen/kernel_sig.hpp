@@ -46,6 +46,8 @@ struct KernelSig {
   // Everything up to and including the opening brace (and the shared
   // declaration); the generator writes the body and the closing brace.
   std::string head() const;
+  // The name and the parameters as the head spells them: "name(a, b".
+  std::string call_text() const;
 };
 
 }  // namespace ondrel::codegen

@@ -161,6 +161,57 @@ void inverse_even_load(KernelWriter& w, int32_t n, int32_t m, int32_t tpf, const
   });
 }
 
+// Both directions: the row's (or row pair's) load, the stages on M and,
+// behind the last barrier, the store.
+std::string shared_real_kernel(int32_t n, const std::vector<int32_t>& schedule, int compute_prec, int32_t tpf,
+                               const Backend& backend, int32_t fpb, int io_prec, bool pair, bool pad, bool inverse) {
+  const int32_t m = pair ? n : n / 2;
+  const std::string r = backend.real_type(compute_prec);
+  const std::string rio = backend.real_type(io_prec == 0 ? 0 : compute_prec);
+  const std::string text = head(backend, compute_prec, io_prec, m, tpf, fpb, inverse, pad);
+  KernelWriter w(compute_prec, backend);
+  add_fft_tables(w, compute_prec, n, "tw", schedule);
+  ids(w, fpb);
+  if (pair) {
+    pair_rows(w);
+    if (inverse) inverse_pair_load(w, n, pad, r);
+    else forward_pair(w, n, pad, r, rio);
+  } else {
+    w.line("I64 brow = batch < nrows - 1 ? batch : nrows - 1;");
+    bind_row(w, fft_row_elements(m, pad));
+    if (inverse) {
+      inverse_even_load(w, n, m, tpf, r);
+    } else {
+      w.emit("const DEV $* xb = x + brow * $;", rio, n);
+      forward_even_load(w, m, compute_prec, io_prec, pad, r);
+    }
+  }
+  w.sync();
+  emit_stages(w, "bufA", m, schedule, tpf, false);
+  // Surplus rows of the last block ran every barrier on a copy of the last
+  // row; only now may they leave.
+  w.line(pair ? "if (row0 >= nrows) return;" : "if (batch >= nrows) return;");
+  if (!inverse) {
+    if (pair) forward_pair_unpack(w, n, io_prec, r);
+    else forward_even_unpack(w, n, m, tpf, io_prec, r);
+    return text + w.text() + "}\n";
+  }
+  if (pair) {
+    w.for_range("j", "tid", m, "TPF", [&] {
+      w.emit("cplx r = $[SHP($)];", "bufA", "j");
+      w.emit("out[row0 * $ + $] = ($)(r.x * INVSC);", n, "j", rio);
+      w.emit("if (row1 < nrows) out[row1 * $ + $] = ($)(-r.y * INVSC);", n, "j", rio);
+    });
+  } else {
+    w.for_range("k", "tid", m, "TPF", [&] {
+      w.emit("cplx r = $[SHP($)];", "bufA", "k");
+      w.emit("out[batch * $ + 2 * $] = ($)(r.x * INVSC);", n, "k", rio);
+      w.emit("out[batch * $ + 2 * $ + 1] = ($)(-r.y * INVSC);", n, "k", rio);
+    });
+  }
+  return text + w.text() + "}\n";
+}
+
 }  // namespace
 
 KernelParams real_params(bool inverse, const std::string& real_io, bool with_table) {
@@ -173,71 +224,12 @@ KernelParams real_params(bool inverse, const std::string& real_io, bool with_tab
 
 std::string real_kernel(int32_t n, const std::vector<int32_t>& schedule, int compute_prec, int32_t tpf,
                         const Backend& backend, int32_t fpb, int io_prec, bool pair, bool pad) {
-  const int32_t m = pair ? n : n / 2;
-  const std::string r = backend.real_type(compute_prec);
-  const std::string rio = backend.real_type(io_prec == 0 ? 0 : compute_prec);
-  const std::string text = head(backend, compute_prec, io_prec, m, tpf, fpb, false, pad);
-  KernelWriter w(compute_prec, backend);
-  add_fft_tables(w, compute_prec, n, "tw", schedule);
-  ids(w, fpb);
-  if (pair) {
-    pair_rows(w);
-    forward_pair(w, n, pad, r, rio);
-  } else {
-    w.line("I64 brow = batch < nrows - 1 ? batch : nrows - 1;");
-    bind_row(w, fft_row_elements(m, pad));
-    w.emit("const DEV $* xb = x + brow * $;", rio, n);
-    forward_even_load(w, m, compute_prec, io_prec, pad, r);
-  }
-  w.sync();
-  emit_stages(w, "bufA", m, schedule, tpf, false);
-  // Surplus rows of the last block ran every barrier on a copy of the last
-  // row; only now may they leave.
-  if (pair) {
-    w.line("if (row0 >= nrows) return;");
-    forward_pair_unpack(w, n, io_prec, r);
-  } else {
-    w.line("if (batch >= nrows) return;");
-    forward_even_unpack(w, n, m, tpf, io_prec, r);
-  }
-  return text + w.text() + "}\n";
+  return shared_real_kernel(n, schedule, compute_prec, tpf, backend, fpb, io_prec, pair, pad, false);
 }
 
 std::string inverse_real_kernel(int32_t n, const std::vector<int32_t>& schedule, int compute_prec, int32_t tpf,
                                 const Backend& backend, int32_t fpb, int io_prec, bool pair, bool pad) {
-  const int32_t m = pair ? n : n / 2;
-  const std::string r = backend.real_type(compute_prec);
-  const std::string rio = backend.real_type(io_prec == 0 ? 0 : compute_prec);
-  const std::string text = head(backend, compute_prec, io_prec, m, tpf, fpb, true, pad);
-  KernelWriter w(compute_prec, backend);
-  add_fft_tables(w, compute_prec, n, "tw", schedule);
-  ids(w, fpb);
-  if (pair) {
-    pair_rows(w);
-    inverse_pair_load(w, n, pad, r);
-  } else {
-    w.line("I64 brow = batch < nrows - 1 ? batch : nrows - 1;");
-    bind_row(w, fft_row_elements(m, pad));
-    inverse_even_load(w, n, m, tpf, r);
-  }
-  w.sync();
-  emit_stages(w, "bufA", m, schedule, tpf, false);
-  if (pair) {
-    w.line("if (row0 >= nrows) return;");
-    w.for_range("j", "tid", m, "TPF", [&] {
-      w.emit("cplx r = $[SHP($)];", "bufA", "j");
-      w.emit("out[row0 * $ + $] = ($)(r.x * INVSC);", n, "j", rio);
-      w.emit("if (row1 < nrows) out[row1 * $ + $] = ($)(-r.y * INVSC);", n, "j", rio);
-    });
-  } else {
-    w.line("if (batch >= nrows) return;");
-    w.for_range("k", "tid", m, "TPF", [&] {
-      w.emit("cplx r = $[SHP($)];", "bufA", "k");
-      w.emit("out[batch * $ + 2 * $] = ($)(r.x * INVSC);", n, "k", rio);
-      w.emit("out[batch * $ + 2 * $ + 1] = ($)(-r.y * INVSC);", n, "k", rio);
-    });
-  }
-  return text + w.text() + "}\n";
+  return shared_real_kernel(n, schedule, compute_prec, tpf, backend, fpb, io_prec, pair, pad, true);
 }
 
 }  // namespace ondrel::codegen

@@ -1,7 +1,9 @@
 #include "cuda_like/launch/launch_record.hpp"
 
 #include <algorithm>
+#include <stdexcept>
 
+#include "codegen/backend.hpp"
 #include "cuda_like/tune/tuned_table.hpp"
 #include "rocm/compile.hpp"
 #include "rocm/context.hpp"
@@ -9,8 +11,20 @@
 namespace ondrel {
 
 LaunchRecord compiled(const KernelPlan& plan, int device) {
+  // A text whose head lists other parameters than the plan would take the
+  // launch's arguments in the wrong places: refused before it can run.
+  const auto checked_text = [&plan] {
+    std::string text = plan.text();
+    const codegen::Backend& b = codegen::hip_backend();
+    std::string call(1, ' ');
+    call += codegen::KernelSig(plan.entry, b, plan.params).call_text();
+    if (text.find(call + b.extra_params_plain() + ")") == std::string::npos &&
+        text.find(call + b.extra_params_shared() + ")") == std::string::npos)
+      throw std::logic_error(plan.key + ": the kernel's head does not declare the parameters of its launch");
+    return text;
+  };
   LaunchRecord rec;
-  rec.fn = kernel_function(plan.key, device, plan.text, plan.entry);
+  rec.fn = kernel_function(plan.key, device, checked_text, plan.entry);
   rec.key = plan.key;
   rec.threads = plan.threads;
   rec.shared_bytes = static_cast<uint32_t>(plan.shared_bytes);

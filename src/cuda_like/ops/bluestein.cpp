@@ -69,11 +69,10 @@ std::vector<KernelPlan> staged_kernels(int32_t n, int32_t m, bool is_double, int
   const std::string p = std::to_string(prec);
   const std::string tail = std::to_string(n) + "_" + std::to_string(m) + "_" + p + "_" + std::to_string(data) + "_" +
                            std::to_string(static_cast<int>(mode)) + (inverse ? "_i" : "_f");
-  const std::string real = b.real_type(prec), data_real = b.real_type(data);
   std::vector<KernelPlan> k(3);
   k[0].key = "cgbpre_" + tail;
   k[0].entry = "ondrel_bgpre";
-  k[0].params = codegen::bluestein_pre_params(mode == codegen::BluesteinMode::real_forward ? data_real : "iot");
+  k[0].params = codegen::bluestein_pre_params(b, prec, data, mode);
   k[0].text = [=] { return codegen::bluestein_pre_kernel(n, m, prec, data, mode, codegen::hip_backend()); };
   k[1].key = "cgbmul_" + std::to_string(m) + "_" + p;
   k[1].entry = "ondrel_bgmul";
@@ -81,8 +80,7 @@ std::vector<KernelPlan> staged_kernels(int32_t n, int32_t m, bool is_double, int
   k[1].text = [=] { return codegen::bluestein_mul_kernel(m, prec, codegen::hip_backend()); };
   k[2].key = "cgbpost_" + tail;
   k[2].entry = "ondrel_bgpost";
-  k[2].params =
-      codegen::bluestein_post_params(mode == codegen::BluesteinMode::real_inverse ? data_real : "iot", real);
+  k[2].params = codegen::bluestein_post_params(b, prec, data, mode);
   k[2].text = [=] { return codegen::bluestein_post_kernel(n, m, prec, data, mode, codegen::hip_backend()); };
   for (KernelPlan& plan : k) plan.threads = kBlock;
   return k;

@@ -82,6 +82,18 @@ int32_t fit_rows(int32_t rows, int32_t tpf, uint64_t row_bytes, uint64_t limit) 
   return rows;
 }
 
+// A route's start: the request's precisions, and the row of the shared core
+// on the complex length m, which also decides when a length leaves that core.
+FftRoute opened(const RouteQuery& q, int32_t m, const TuneEntry& t, bool& pad) {
+  FftRoute r;
+  r.n = q.n;
+  r.io_prec = q.prec.storage;
+  r.compute_prec = q.prec.compute;
+  pad = (t.var & kVarPad) && rader_scratch(m) == 0;
+  r.row_bytes = static_cast<uint64_t>(codegen::fft_row_elements(m, pad)) * (q.prec.is_double() ? 16 : 8);
+  return r;
+}
+
 }  // namespace
 
 const char* core_word(FftCore core) {
@@ -115,14 +127,8 @@ FftRoute fft_route(const RouteQuery& q) {
   const TuneEntry t = bounded(q.tune);
   const bool p2 = is_pow2(n);
   const int64_t scratch = rader_scratch(n);
-
-  FftRoute r;
-  r.n = n;
-  r.io_prec = q.prec.storage;
-  r.compute_prec = q.prec.compute;
-  // The shared core's row, which also decides when a length leaves it.
-  const bool pad = (t.var & kVarPad) && scratch == 0;
-  r.row_bytes = static_cast<uint64_t>(codegen::fft_row_elements(n, pad)) * elem;
+  bool pad = false;
+  FftRoute r = opened(q, n, t, pad);
   r.shared_cap = limit;
 
   // A large prime factor: convolution through a smooth length.
@@ -316,21 +322,14 @@ FftRoute rfft_route(const RouteQuery& q) {
   const int32_t n = q.n;
   if (n < 1) throw std::invalid_argument("rfft: n must be at least 1");
   const bool dbl = q.prec.is_double();
-  const int32_t elem = dbl ? 16 : 8;
   const uint64_t limit = q.shared_limit;
   const TuneEntry t = bounded(q.tune);
   const bool odd = n % 2 == 1;
   const std::string prefix = q.inverse ? "cir" : "cr";
   // The complex length behind the real one.
   const int32_t m = odd ? n : std::max(1, n / 2);
-  const int64_t scratch = rader_scratch(m);
-
-  FftRoute r;
-  r.n = n;
-  r.io_prec = q.prec.storage;
-  r.compute_prec = q.prec.compute;
-  const bool pad = (t.var & kVarPad) && scratch == 0;
-  r.row_bytes = static_cast<uint64_t>(codegen::fft_row_elements(m, pad)) * elem;
+  bool pad = false;
+  FftRoute r = opened(q, m, t, pad);
   // The double kernels leave the shared form of even lengths above the
   // 48 KiB every device has; the single ones only above the device's own.
   r.shared_cap = !odd && dbl ? 49152 : limit;

@@ -4,6 +4,9 @@
 
 #include <stdexcept>
 
+#include "codegen/backend.hpp"
+#include "cuda_like/launch/launch_record.hpp"
+
 namespace {
 
 using ondrel::KernelArgs;
@@ -40,6 +43,21 @@ TEST(KernelArgs, RefusesWhatTheHeadDoesNotDeclare) {
   } catch (const std::logic_error& e) {
     EXPECT_STREQ(e.what(), "KernelArgs: no value for nrows");
   }
+}
+
+// A plan whose text declares other parameters than the plan passes never
+// reaches the compiler, let alone a launch.
+TEST(KernelPlan, TextMustDeclareTheLaunchParameters) {
+  ondrel::KernelPlan plan;
+  plan.key = "test_head_mismatch";
+  plan.entry = "ondrel_probe";
+  plan.params = {KernelParam::input("iot", "x"), KernelParam::output("iot", "out")};
+  plan.text = [] {
+    ondrel::codegen::KernelSig sig("ondrel_probe", ondrel::codegen::hip_backend(),
+                                   {KernelParam::output("iot", "out"), KernelParam::input("iot", "x")});
+    return sig.head() + "}\n";
+  };
+  EXPECT_THROW(ondrel::compiled(plan, 0), std::logic_error);
 }
 
 }  // namespace
