@@ -21,6 +21,8 @@ EXPECTED_FUNCTIONS = [
     "fft_resident",
     "rfft_resident",
     "irfft_resident",
+    "stft_staged",
+    "stft_resident",
     "set_shape_hint",
     "shape_epoch",
     "shape_hint_clear",

@@ -26,3 +26,14 @@ def rfft_kernel_text(
     core: int = 0,
     var: int = 0,
 ) -> tuple[str, str]: ...
+def stft_kernel_texts(
+    n_fft: int,
+    hop: int,
+    center: bool,
+    output: str,
+    eps: float,
+    window: str | list[float],
+    prec: int,
+    length: int,
+    shared_limit: int = 65536,
+) -> list[tuple[str, str]]: ...

@@ -18,6 +18,32 @@ def irfft_staged(X: numpy.ndarray, n: int) -> numpy.ndarray: ...
 def fft_resident(x: int, out: int, B: int, N: int, inverse: bool, prec: int, dev: int, stream: int) -> None: ...
 def rfft_resident(x: int, out: int, B: int, N: int, prec: int, dev: int, stream: int) -> None: ...
 def irfft_resident(X: int, out: int, B: int, n: int, prec: int, dev: int, stream: int) -> None: ...
+def stft_staged(
+    y: object, window: object, n_fft: int, hop: int, center: bool, output: str, eps: float = 1e-10
+) -> numpy.ndarray:
+    """STFT of a (batch, samples) array: (batch, n_fft // 2 + 1, frames), a transposed view of
+    [batch][frame][bin]. Frames t * hop of the signal, reflect-padded by n_fft // 2 when `center`,
+    times the periodic `window` (a name or an n_fft-sample array), unnormalised rfft. `output`:
+    "magnitude" |X|, "power" |X|^2, "db" 10 log10(|X|^2 + eps), anything else complex. float64
+    input runs in double, other input in single; float16 raises TypeError."""
+def stft_resident(
+    x_ptr: int,
+    out_ptr: int,
+    batch: int,
+    length: int,
+    n_fft: int,
+    hop: int,
+    center: bool,
+    output: str,
+    eps: float,
+    window: object,
+    prec: int,
+    device: int = 0,
+    stream: int = 0,
+) -> None:
+    """stft_staged between device addresses on `stream`: [batch][length] signals to
+    [batch][frame][bin]. prec 0: half signal and output, float arithmetic; 1 float; 2 double;
+    3 as 0 with half arithmetic where n_fft is a power of two."""
 def set_shape_hint(
     op: str,
     n_fft: int,

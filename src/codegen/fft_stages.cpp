@@ -252,7 +252,7 @@ void ct_passes(KernelWriter& w, const FusedFft& plan) {
           if (s0 == 0 && w.prec == 2) {
             // The first pass has pos 0: its twiddles are constants.
             const int64_t exponent = static_cast<int64_t>(e) << shift;
-            if (exponent == m / 4) {
+            if (4 * exponent == m) {
               b = w.let_cmk(b + ".y", "-" + b + ".x");
             } else if (exponent != 0) {
               const double angle = -2.0 * std::numbers::pi * static_cast<double>(exponent) / m;

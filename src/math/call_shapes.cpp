@@ -2,6 +2,7 @@
 
 #include <limits>
 #include <stdexcept>
+#include <string>
 
 namespace ondrel {
 
@@ -12,6 +13,14 @@ int64_t frame_count(int64_t length, int64_t n_fft, int64_t hop, int64_t pad, con
   // The count divides by the hop; no caller may reach it with a zero one.
   if (hop < 1) throw std::invalid_argument(subject + ": hop must be at least 1");
   return (length + 2 * pad - n_fft) / hop + 1;
+}
+
+int64_t frames_of(int64_t length, int64_t n_fft, int64_t hop, bool center) {
+  if (hop < 1) throw std::invalid_argument("hop must be at least 1");
+  if (center) return (length - (n_fft & 1)) / hop + 1;
+  if (length < n_fft)
+    throw std::invalid_argument("input of " + std::to_string(length) + " samples is shorter than n_fft with center=False");
+  return (length - n_fft) / hop + 1;
 }
 
 int64_t checked_size(const std::vector<int64_t>& shape) {

@@ -21,6 +21,9 @@ void register_real_resident(pybind11::module_& m);
 // The request of a resident FFT call, its `prec` decoded once.
 FftOptions resident_options(bool inverse, int32_t prec, int32_t dev, uintptr_t stream);
 
+// stft_staged, stft_resident.
+void register_stft(pybind11::module_& m);
+
 // set_shape_hint, shape_epoch, shape_hint_clear, route_explain.
 void register_hints(pybind11::module_& m);
 

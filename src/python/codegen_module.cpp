@@ -14,6 +14,8 @@
 #include "cuda_like/ops/four_step.hpp"
 #include "cuda_like/ops/four_step_real.hpp"
 #include "cuda_like/ops/rfft.hpp"
+#include "cuda_like/ops/stft.hpp"
+#include "cuda_like/tune/tuned_table.hpp"
 
 namespace py = pybind11;
 
@@ -134,4 +136,27 @@ PYBIND11_MODULE(_codegen, m) {
       py::arg("ept") = 0, py::arg("tpf") = 0, py::arg("fpb") = 0, py::arg("core") = 0, py::arg("var") = 0,
       "(kernel name, text) of the real FFT that rfft_resident or irfft_resident would compile for this length, "
       "precision code and tuned words.");
+  m.def(
+      "stft_kernel_texts",
+      [](int32_t n_fft, int32_t hop, bool center, const std::string& output, double eps, const py::object& window,
+         int32_t prec, int64_t length, uint64_t shared_limit) {
+        const ondrel::WindowSpec spec = py::isinstance<py::str>(window)
+                                            ? ondrel::named_window(window.cast<std::string>())
+                                            : ondrel::array_window(window.cast<std::vector<double>>());
+        ondrel::StftRequest r;
+        r.batch = 1;
+        r.length = length;
+        r.n_fft = n_fft;
+        r.hop = hop;
+        r.center = center;
+        r.mode = ondrel::output_mode(output);
+        r.eps = eps;
+        r.window = &spec;
+        r.prec = ondrel::precision_code(prec);
+        return texts(ondrel::stft_kernels(r, shared_limit));
+      },
+      py::arg("n_fft"), py::arg("hop"), py::arg("center"), py::arg("output"), py::arg("eps"), py::arg("window"),
+      py::arg("prec"), py::arg("length"), py::arg("shared_limit") = 65536,
+      "[(kernel key, text)] of the STFT's own kernels for this request on device 0: the fused kernel, or the frame "
+      "and split (or output) kernels of the staged path, whose FFT the FFT listings give.");
 }

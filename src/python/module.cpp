@@ -10,5 +10,6 @@ PYBIND11_MODULE(_rocm, m) {
   m.doc() = "ondrel ROCm runtime for numpy arrays (HIP + hipRTC)";
   ondrel::python::register_status(m);
   ondrel::python::register_fourier(m);
+  ondrel::python::register_stft(m);
   ondrel::python::register_hints(m);
 }

@@ -4,7 +4,6 @@
 #include <stdexcept>
 
 #include "codegen/backend.hpp"
-#include "cuda_like/tune/tuned_table.hpp"
 #include "rocm/compile.hpp"
 #include "rocm/context.hpp"
 
@@ -26,6 +25,7 @@ LaunchRecord compiled(const KernelPlan& plan, int device) {
   LaunchRecord rec;
   rec.fn = kernel_function(plan.key, device, checked_text, plan.entry);
   rec.key = plan.key;
+  rec.entry = plan.entry;
   rec.threads = plan.threads;
   rec.shared_bytes = static_cast<uint32_t>(plan.shared_bytes);
   rec.rows_per_block = plan.rows_per_block;
@@ -35,6 +35,7 @@ LaunchRecord compiled(const KernelPlan& plan, int device) {
 
 void launch(const LaunchRecord& rec, unsigned grid_x, unsigned grid_y, KernelArgs& args,
             hip_dl::hipStream_t stream) {
+  if (grid_y > kMaxGridRows) throw std::runtime_error(rec.entry + ": batch exceeds grid.y limit");
   launch_kernel(rec.fn, grid_x, grid_y, rec.threads, rec.shared_bytes, args.pointers(), rec.key, stream);
 }
 
@@ -44,18 +45,6 @@ void for_row_chunks(int64_t rows, const std::function<void(int64_t, int64_t)>& b
 
 uint64_t record_hash(uint64_t key, uint64_t generation) {
   return (key * 64 + generation + 0x9e3779b97f4a7c15ULL + (key >> 2)) ^ key;
-}
-
-const LaunchRecord* LaunchTable::find(uint64_t key) const {
-  const uint64_t generation = shape_epoch();
-  auto it = records.find(record_hash(key, generation));
-  if (it == records.end() || it->second.key != key || it->second.generation != generation) return nullptr;
-  return &it->second.record;
-}
-
-void LaunchTable::store(uint64_t key, const LaunchRecord& record) {
-  const uint64_t generation = shape_epoch();
-  records[record_hash(key, generation)] = Entry{key, generation, record};
 }
 
 }  // namespace ondrel

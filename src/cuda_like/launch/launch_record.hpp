@@ -9,11 +9,13 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <type_traits>
 #include <unordered_map>
 #include <vector>
 
 #include "codegen/kernel_sig.hpp"
 #include "cuda_like/launch/kernel_args.hpp"
+#include "cuda_like/tune/tuned_table.hpp"
 #include "rocm/hip_api.hpp"
 
 namespace ondrel {
@@ -33,6 +35,7 @@ struct KernelPlan {
 struct LaunchRecord {
   hip_dl::hipFunction_t fn = nullptr;
   std::string key;
+  std::string entry;
   uint32_t threads = 0;
   uint32_t shared_bytes = 0;
   int32_t rows_per_block = 1;
@@ -50,7 +53,8 @@ struct LaunchRecord {
 // plan's text compiled.
 LaunchRecord compiled(const KernelPlan& plan, int device);
 
-// The checked launch of a record with `args` complete.
+// The checked launch of a record with `args` complete. A grid.y above 65535
+// fails before any HIP call with "<entry>: batch exceeds grid.y limit".
 void launch(const LaunchRecord& rec, unsigned grid_x, unsigned grid_y, KernelArgs& args,
             hip_dl::hipStream_t stream);
 
@@ -59,15 +63,27 @@ void launch(const LaunchRecord& rec, unsigned grid_x, unsigned grid_y, KernelArg
 constexpr int64_t kMaxGridRows = 65535;
 void for_row_chunks(int64_t rows, const std::function<void(int64_t start, int64_t count)>& body);
 
-// The key under a generation of the tuned table: a hint or a clear moves the
-// generation, and records of older ones are never found again.
+// The key of a record under a generation of the tuned table.
 uint64_t record_hash(uint64_t key, uint64_t generation);
 
+// Records of one family and instantiation, found only under the tuning
+// generation they were stored in: a hint or a clear moves the generation,
+// and records of older ones are never found again. `Record` is the family's
+// record: a LaunchRecord, or a record of its own that holds one.
+template <class Record = LaunchRecord>
 class LaunchTable {
  public:
   // Under the current shape_epoch; null when absent.
-  const LaunchRecord* find(uint64_t key) const;
-  void store(uint64_t key, const LaunchRecord& record);
+  const Record* find(uint64_t key) const {
+    const uint64_t generation = shape_epoch();
+    auto it = records.find(record_hash(key, generation));
+    if (it == records.end() || it->second.key != key || it->second.generation != generation) return nullptr;
+    return &it->second.record;
+  }
+  void store(uint64_t key, const Record& record) {
+    const uint64_t generation = shape_epoch();
+    records[record_hash(key, generation)] = Entry{key, generation, record};
+  }
 
  private:
   // The hash alone may coincide for two shapes or generations: an entry
@@ -75,28 +91,31 @@ class LaunchTable {
   struct Entry {
     uint64_t key;
     uint64_t generation;
-    LaunchRecord record;
+    Record record;
   };
   std::unordered_map<uint64_t, Entry> records;
 };
 
-// One table per thread, family (a tag type) and instantiation.
-template <class Family, class T>
-LaunchTable& launch_records() {
-  thread_local LaunchTable table;
+// One table per thread, family (a tag type), instantiation and record type,
+// so that a repeated shape's hot path takes no lock.
+template <class Family, class T, class Record = LaunchRecord>
+LaunchTable<Record>& launch_records() {
+  thread_local LaunchTable<Record> table;
   return table;
 }
 
 // The hot path of a family, written once: the stored record of `key` runs
 // at once; on a miss `decide` makes one, which is kept unless `bypass` (a
-// tuner's candidate, measured and forgotten) and run. `decide` returns
-// nothing when it ran the call itself through several kernels of its own.
+// tuner's candidate, measured and forgotten) and run. `decide` returns an
+// empty optional when it ran the call itself through several kernels of its
+// own; its value type is the family's record.
 template <class Family, class T, class Decide, class Run>
 void run_record(uint64_t key, bool bypass, Decide&& decide, Run&& run) {
-  LaunchTable& table = launch_records<Family, T>();
+  using Record = typename std::invoke_result_t<Decide>::value_type;
+  LaunchTable<Record>& table = launch_records<Family, T, Record>();
   if (!bypass)
-    if (const LaunchRecord* rec = table.find(key)) return run(*rec);
-  const std::optional<LaunchRecord> made = decide();
+    if (const Record* rec = table.find(key)) return run(*rec);
+  const std::optional<Record> made = decide();
   if (!made) return;
   if (!bypass) table.store(key, *made);
   run(*made);

@@ -6,6 +6,7 @@
 #include "cuda_like/ops/bluestein.hpp"
 #include "cuda_like/ops/fft_route.hpp"
 #include "cuda_like/ops/four_step.hpp"
+#include "cuda_like/ops/stft_plan.hpp"
 #include "math/fft_schedule.hpp"
 #include "rocm/context.hpp"
 
@@ -38,6 +39,37 @@ void explain_fft(RouteExplanation& e, bool real, int32_t prec, uint64_t shared_l
   e.staged = *e.core == "four_step";
 }
 
+// The spectral kernels answer with their plan, built for hop n / 4, centred
+// frames and eight of them, no tuned record; a staged plan names its split
+// and whether its library FFT runs Bluestein.
+void explain_spectral(RouteExplanation& e, int32_t prec, uint64_t shared_limit) {
+  const int32_t n = e.n_fft;
+  if (n < 2) throw std::invalid_argument(e.op + ": n_fft must be at least 2");
+  const bool half_compute = prec == 3 && e.pow2;
+  const int compute = prec == 2 ? 2 : half_compute ? 0 : 1;
+  const StftPlan p = build_stft_plan(compute, n, std::max(1, n / 4), n / 2, 8 * static_cast<int64_t>(n), 8, 0, 1e-10,
+                                     shared_limit, {});
+  e.core = stft_core_word(p.core);
+  e.staged = p.core == codegen::kCoreFourStep;
+  e.two_for_one = p.paired;
+  e.smem = codegen::shared_bytes(p);
+  e.smem_cap = shared_limit;
+  if (p.n1) {
+    e.n1 = p.n1;
+    e.n2 = p.n2;
+  }
+  if (*e.staged) {
+    RouteQuery q;
+    q.n = p.fft_length();
+    q.prec = precision_code(prec == 2 ? 2 : prec == 0 || prec == 3 ? 0 : 1);
+    q.shared_limit = shared_limit;
+    e.bluestein = (p.paired ? rfft_route(q) : fft_route(q)).core == FftCore::bluestein;
+  } else {
+    e.bluestein = false;
+  }
+  e.bluestein_m = e.bluestein ? bluestein_length(e.frame_len) : 0;
+}
+
 }  // namespace
 
 RouteExplanation route_explain(const std::string& op, int32_t n, int32_t prec, uint64_t shared_limit) {
@@ -56,6 +88,10 @@ RouteExplanation route_explain(const std::string& op, int32_t n, int32_t prec, u
   e.rader_prime = rader_prime(e.frame_len);
   if (op == "fft" || op == "rfft") {
     explain_fft(e, op == "rfft", prec, shared_limit);
+    return e;
+  }
+  if (spectral) {
+    explain_spectral(e, prec, shared_limit);
     return e;
   }
   e.bluestein = bluestein_wanted(e.frame_len);

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "cuda_like/tables/table_cache.hpp"
+#include "math/half.hpp"
 #include "math/hashing.hpp"
 
 namespace ondrel {
@@ -103,5 +104,6 @@ const void* window_device(const WindowSpec& spec, int32_t n_fft) {
 
 template const void* window_device<float>(const WindowSpec&, int32_t);
 template const void* window_device<double>(const WindowSpec&, int32_t);
+template const void* window_device<Half>(const WindowSpec&, int32_t);
 
 }  // namespace ondrel

@@ -30,7 +30,8 @@ std::vector<double> window_values(int32_t id, int32_t w);
 // n_fft values: the window of win_length samples centred between zeros.
 std::vector<double> window_table(const WindowSpec& spec, int32_t win_length, int32_t n_fft);
 
-// The device table of window_table(spec, n_fft, n_fft) in the element type T.
+// The device table of window_table(spec, n_fft, n_fft) in the element type T
+// (float, double, or Half for kernels that compute in half).
 template <class T>
 const void* window_device(const WindowSpec& spec, int32_t n_fft);
 

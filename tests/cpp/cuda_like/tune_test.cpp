@@ -78,7 +78,7 @@ struct Family {};
 
 TEST(LaunchRecords, RecordsLiveOneGeneration) {
   const uint64_t k = 12345;
-  LaunchTable& table = launch_records<Family, float>();
+  LaunchTable<>& table = launch_records<Family, float>();
   LaunchRecord rec;
   rec.threads = 64;
   table.store(k, rec);
