@@ -25,6 +25,15 @@ EXPECTED_FUNCTIONS = [
     "shape_epoch",
     "shape_hint_clear",
     "route_explain",
+    "rms_resident",
+    "rms_adjoint_resident",
+    "onset_strength_resident",
+    "onset_strength_adjoint_resident",
+    "tonnetz_resident",
+    "tonnetz_adjoint_resident",
+    "rms_staged",
+    "onset_strength_staged",
+    "tonnetz_staged",
 ]
 
 

@@ -24,4 +24,7 @@ FftOptions resident_options(bool inverse, int32_t prec, int32_t dev, uintptr_t s
 // set_shape_hint, shape_epoch, shape_hint_clear, route_explain.
 void register_hints(pybind11::module_& m);
 
+// rms_resident ... tonnetz_staged: the small frame features, positional only.
+void register_features(pybind11::module_& m);
+
 }  // namespace ondrel::python

@@ -10,6 +10,7 @@
 #include "codegen/fused_cores.hpp"
 #include "codegen/sample_kernel.hpp"
 #include "cuda_like/ops/bluestein.hpp"
+#include "cuda_like/ops/features.hpp"
 #include "cuda_like/ops/fft.hpp"
 #include "cuda_like/ops/four_step.hpp"
 #include "cuda_like/ops/four_step_real.hpp"
@@ -134,4 +135,10 @@ PYBIND11_MODULE(_codegen, m) {
       py::arg("ept") = 0, py::arg("tpf") = 0, py::arg("fpb") = 0, py::arg("core") = 0, py::arg("var") = 0,
       "(kernel name, text) of the real FFT that rfft_resident or irfft_resident would compile for this length, "
       "precision code and tuned words.");
+  m.def(
+      "feature_kernel_texts",
+      [](int32_t prec) { return texts(ondrel::feature_kernels(ondrel::precision_code(prec))); },
+      py::arg("prec") = 1,
+      "[(kernel key, text)] of the RMS, onset strength and tonnetz kernels that resident calls of precision "
+      "code prec compile: the three forwards, and the three adjoints unless the data are half.");
 }

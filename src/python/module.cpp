@@ -11,4 +11,5 @@ PYBIND11_MODULE(_rocm, m) {
   ondrel::python::register_status(m);
   ondrel::python::register_fourier(m);
   ondrel::python::register_hints(m);
+  ondrel::python::register_features(m);
 }
