@@ -262,6 +262,39 @@ def gc_closed(c: np.ndarray, gy: np.ndarray) -> np.ndarray:
     return (gy @ tonnetz_basis() - np.sum(gy * value, axis=1, keepdims=True) / total) / total
 
 
+def adjoint_rms(prec: int, x, y, gy):
+    dtype = DTYPE[prec]
+    args = (2, 30, y.shape[1], 8, 3, True, prec, 0, 0)
+    return resident(lambda *p: _rocm.rms_adjoint_resident(*p[:4], *args), [a.astype(dtype) for a in (x, y, gy)],
+                    x.shape, dtype)
+
+
+def adjoint_onset(prec: int, m, gy):
+    dtype = DTYPE[prec]
+    return resident(lambda *p: _rocm.onset_strength_adjoint_resident(*p, *m.shape, prec, 0, 0),
+                    [a.astype(dtype) for a in (m, gy)], m.shape, dtype)
+
+
+def adjoint_tonnetz(prec: int, c, gy):
+    dtype = DTYPE[prec]
+    return resident(lambda *p: _rocm.tonnetz_adjoint_resident(*p, len(c), prec, 0, 0),
+                    [a.astype(dtype) for a in (c, gy)], c.shape, dtype)
+
+
+def test_adjoints_in_single_agree_with_double():
+    r = rng(4)
+    x = r.standard_normal((2, 30))
+    y = rms_reference(x, 8, 3, True)
+    cases = {
+        "rms": (adjoint_rms, (x, y, r.standard_normal(y.shape))),
+        "onset": (adjoint_onset, (r.standard_normal((2, 5, 40)), r.standard_normal((2, 5)))),
+        "tonnetz": (adjoint_tonnetz, (r.random((7, 12)) + 0.1, r.standard_normal((7, 6)))),
+    }
+    for what, (adjoint, inputs) in cases.items():
+        single = [a.astype(np.float32).astype(np.float64) for a in inputs]
+        check(adjoint(1, *single), adjoint(2, *single), 1e-5, f"{what} adjoint in single")
+
+
 # The calling contract.
 
 NO_WORK = {  # each binding's arguments in the design's names, with nothing to do
