@@ -249,17 +249,9 @@ def test_tonnetz_adjoint_matches_differences(rows):
     gy = r.standard_normal((rows, 6))
     gc = resident(lambda dc, dg, dgc: _rocm.tonnetz_adjoint_resident(dc, dg, dgc, rows, 2, 0, 0), [c, gy], c.shape,
                   np.float64)
-    subset = slice(0, 3)  # differences of every element of 300 rows would only repeat the first ones
-    fd = central_differences(lambda v: np.sum(gy[subset] * tonnetz_reference(v)), c[subset])
-    check(gc[subset], fd, 1e-7, f"adjoint, {rows} rows")
-    check(gc, gc_closed(c, gy), 1e-12, f"adjoint against the quotient rule, {rows} rows")
-
-
-def gc_closed(c: np.ndarray, gy: np.ndarray) -> np.ndarray:
-    """d/dc of sum(gy * (B c) / sum(c)) by the quotient rule."""
-    total = c.sum(axis=1, keepdims=True)
-    value = c @ tonnetz_basis().T
-    return (gy @ tonnetz_basis() - np.sum(gy * value, axis=1, keepdims=True) / total) / total
+    some = np.unique([0, 1, rows - 1])  # rows are independent; the last one lies in the last block
+    fd = central_differences(lambda v: np.sum(gy[some] * tonnetz_reference(v)), c[some])
+    check(gc[some], fd, 1e-7, f"adjoint, {rows} rows")
 
 
 def adjoint_rms(prec: int, x, y, gy):

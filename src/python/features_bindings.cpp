@@ -2,6 +2,7 @@
 // and resident, with the adjoints. These functions take their arguments by
 // position only: they are bound without names.
 #include <cstdint>
+#include <stdexcept>
 
 #include "cuda_like/ops/features.hpp"
 #include "python/bindings.hpp"
