@@ -15,6 +15,7 @@ def fft_kernel_text(
 def fused_fft_kernel_text(
     m: int, ept: int, tpf: int, core: int, prec: int = 1, tw_table: bool = False
 ) -> str: ...
+def feature_kernel_texts(prec: int = 1) -> list[tuple[str, str]]: ...
 def rfft_kernel_text(
     n: int,
     prec: int = 1,

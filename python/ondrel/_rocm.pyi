@@ -62,3 +62,44 @@ def set_shape_hint(
 def shape_epoch() -> int: ...
 def shape_hint_clear() -> None: ...
 def route_explain(op: str, n_fft: int, prec: int, device: int = 0) -> dict[str, object]: ...
+def rms_resident(
+    x: int,
+    out: int,
+    batch: int,
+    length: int,
+    frames: int,
+    frame_length: int,
+    hop: int,
+    center: bool,
+    prec: int,
+    device: int,
+    stream: int,
+    /,
+) -> None: ...
+def rms_adjoint_resident(
+    x: int,
+    rms: int,
+    gy: int,
+    gx: int,
+    batch: int,
+    length: int,
+    frames: int,
+    frame_length: int,
+    hop: int,
+    center: bool,
+    prec: int,
+    device: int,
+    stream: int,
+    /,
+) -> None: ...
+def onset_strength_resident(
+    m: int, out: int, batch: int, frames: int, bins: int, prec: int, device: int, stream: int, /
+) -> None: ...
+def onset_strength_adjoint_resident(
+    m: int, gy: int, gm: int, batch: int, frames: int, bins: int, prec: int, device: int, stream: int, /
+) -> None: ...
+def tonnetz_resident(c: int, out: int, rows: int, prec: int, device: int, stream: int, /) -> None: ...
+def tonnetz_adjoint_resident(c: int, gy: int, gc: int, rows: int, prec: int, device: int, stream: int, /) -> None: ...
+def rms_staged(x: object, frame_length: int, hop: int, center: bool, /) -> numpy.ndarray: ...
+def onset_strength_staged(S: object, /) -> numpy.ndarray: ...
+def tonnetz_staged(C: object, /) -> numpy.ndarray: ...

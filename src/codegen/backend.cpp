@@ -55,6 +55,10 @@ std::string CudaBackend::sqrt_call(const std::string& x) const { return "sqrtf("
 std::string CudaBackend::log_call(const std::string& x) const { return "logf(" + x + ")"; }
 std::string CudaBackend::exp_call(const std::string& x) const { return "expf(" + x + ")"; }
 
+std::string CudaBackend::real_sqrt(int prec, const std::string& x) const {
+  return (is_double(prec) ? "sqrt(" : "sqrtf(") + x + ")";
+}
+
 std::string CudaBackend::pow_call(const std::string& x, const std::string& y) const {
   return "powf(" + x + ", " + y + ")";
 }

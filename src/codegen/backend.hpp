@@ -30,6 +30,8 @@ struct Backend {
   virtual std::string shuffle_xor(const std::string& value, const std::string& mask) const = 0;
   virtual std::string log10_call(const std::string& x) const = 0;
   virtual std::string sqrt_call(const std::string& x) const = 0;
+  // The square root in the arithmetic of `prec` (single for half data).
+  virtual std::string real_sqrt(int prec, const std::string& x) const = 0;
   virtual std::string log_call(const std::string& x) const = 0;
   virtual std::string exp_call(const std::string& x) const = 0;
   virtual std::string pow_call(const std::string& x, const std::string& y) const = 0;
@@ -102,6 +104,7 @@ struct CudaBackend : Backend {
   std::string shuffle_xor(const std::string& value, const std::string& mask) const override;
   std::string log10_call(const std::string& x) const override;
   std::string sqrt_call(const std::string& x) const override;
+  std::string real_sqrt(int prec, const std::string& x) const override;
   std::string log_call(const std::string& x) const override;
   std::string exp_call(const std::string& x) const override;
   std::string pow_call(const std::string& x, const std::string& y) const override;

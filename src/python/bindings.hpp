@@ -27,4 +27,7 @@ void register_stft(pybind11::module_& m);
 // set_shape_hint, shape_epoch, shape_hint_clear, route_explain.
 void register_hints(pybind11::module_& m);
 
+// rms_resident ... tonnetz_staged: the small frame features, positional only.
+void register_features(pybind11::module_& m);
+
 }  // namespace ondrel::python

@@ -10,6 +10,7 @@
 #include "codegen/fused_cores.hpp"
 #include "codegen/sample_kernel.hpp"
 #include "cuda_like/ops/bluestein.hpp"
+#include "cuda_like/ops/features.hpp"
 #include "cuda_like/ops/fft.hpp"
 #include "cuda_like/ops/four_step.hpp"
 #include "cuda_like/ops/four_step_real.hpp"
@@ -159,4 +160,10 @@ PYBIND11_MODULE(_codegen, m) {
       py::arg("prec"), py::arg("length"), py::arg("shared_limit") = 65536,
       "[(kernel key, text)] of the STFT's own kernels for this request on device 0: the fused kernel, or the frame "
       "and split (or output) kernels of the staged path, whose FFT the FFT listings give.");
+  m.def(
+      "feature_kernel_texts",
+      [](int32_t prec) { return texts(ondrel::feature_kernels(ondrel::precision_code(prec))); },
+      py::arg("prec") = 1,
+      "[(kernel key, text)] of the RMS, onset strength and tonnetz kernels that resident calls of precision "
+      "code prec compile: the three forwards, and the three adjoints unless the data are half.");
 }

@@ -11,5 +11,6 @@ PYBIND11_MODULE(_rocm, m) {
   ondrel::python::register_status(m);
   ondrel::python::register_fourier(m);
   ondrel::python::register_stft(m);
+  ondrel::python::register_features(m);
   ondrel::python::register_hints(m);
 }

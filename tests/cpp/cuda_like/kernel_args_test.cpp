@@ -45,6 +45,18 @@ TEST(KernelArgs, RefusesWhatTheHeadDoesNotDeclare) {
   }
 }
 
+// 64-bit indices travel in eight bytes, and only to parameters declared I64.
+TEST(KernelArgs, WideIndicesTakeEightBytes) {
+  const ondrel::codegen::KernelParams params = {KernelParam::value("I64", "length"), KernelParam::value("int", "hop")};
+  KernelArgs args(params);
+  EXPECT_THROW(args.set("length", int32_t{5}), std::logic_error);
+  EXPECT_THROW(args.set("hop", int64_t{5}), std::logic_error);
+  args.set("length", int64_t{1} << 40).set("hop", int32_t{3});
+  void** p = args.pointers();
+  EXPECT_EQ(*static_cast<int64_t*>(p[0]), int64_t{1} << 40);
+  EXPECT_EQ(*static_cast<int32_t*>(p[1]), 3);
+}
+
 // A plan whose text declares other parameters than the plan passes never
 // reaches the compiler, let alone a launch.
 TEST(KernelPlan, TextMustDeclareTheLaunchParameters) {
