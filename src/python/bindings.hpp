@@ -24,4 +24,12 @@ FftOptions resident_options(bool inverse, int32_t prec, int32_t dev, uintptr_t s
 // set_shape_hint, shape_epoch, shape_hint_clear, route_explain.
 void register_hints(pybind11::module_& m);
 
+// conv_fft_staged, conv_fft_resident, conv_cplx_staged, conv_cplx_resident,
+// conv_direct_staged, conv_direct_resident: the convolutions.
+void register_convolution(pybind11::module_& m);
+// conv_adjoint_resident.
+void register_conv_adjoint(pybind11::module_& m);
+// lfilter_pack_resident, lfilter_staged, lfilter_resident.
+void register_lfilter(pybind11::module_& m);
+
 }  // namespace ondrel::python

@@ -11,4 +11,7 @@ PYBIND11_MODULE(_rocm, m) {
   ondrel::python::register_status(m);
   ondrel::python::register_fourier(m);
   ondrel::python::register_hints(m);
+  ondrel::python::register_convolution(m);
+  ondrel::python::register_conv_adjoint(m);
+  ondrel::python::register_lfilter(m);
 }

@@ -34,6 +34,11 @@ KernelArgs& KernelArgs::set(std::string_view name, int32_t value) {
   return *this;
 }
 
+KernelArgs& KernelArgs::set(std::string_view name, int64_t value) {
+  slot(name, false, "I64").i64 = value;
+  return *this;
+}
+
 KernelArgs& KernelArgs::set(std::string_view name, float value) {
   slot(name, false, "float").f32 = value;
   return *this;

@@ -20,6 +20,7 @@ class KernelArgs {
 
   KernelArgs& set(std::string_view name, const void* pointer);
   KernelArgs& set(std::string_view name, int32_t value);
+  KernelArgs& set(std::string_view name, int64_t value);  // an I64 parameter
   KernelArgs& set(std::string_view name, float value);
   KernelArgs& set(std::string_view name, double value);
 
@@ -31,6 +32,7 @@ class KernelArgs {
   union Slot {
     const void* pointer;
     int32_t i32;
+    int64_t i64;
     float f32;
     double f64;
   };
