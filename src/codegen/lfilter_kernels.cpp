@@ -44,9 +44,9 @@ std::string size(int64_t n) { return std::to_string(std::max<int64_t>(n, 1)); }
 // M = M * M through tmp, the plain triple loop.
 void square(KernelWriter& w) {
   w.line("for (int r = 0; r < PP; ++r) for (int c = 0; c < PP; ++c) {");
-  w.line("  R acc = (R)0;");
-  w.line("  for (int k = 0; k < PP; ++k) acc += M[r * PP + k] * M[k * PP + c];");
-  w.line("  tmp[r * PP + c] = acc;");
+  w.line("R acc = (R)0;");
+  w.line("for (int k = 0; k < PP; ++k) acc += M[r * PP + k] * M[k * PP + c];");
+  w.line("tmp[r * PP + c] = acc;");
   w.line("}");
   w.line("for (int i = 0; i < PP * PP; ++i) M[i] = tmp[i];");
 }
@@ -57,11 +57,11 @@ void feedforward(KernelWriter& w, bool bounded) {
   const std::string row_end = bounded ? "n < T && " : "";
   w.line("R f = (R)0;");
   w.line("for (int m = 0; m < MT; ++m) {");
-  w.line("  I64 ix = n - m;");
-  w.line("  R v = (R)0;");
-  w.emit("  if ($ix >= 0) v = x[xb + ix];", row_end);
-  w.emit("  else if (hzi && $MT - 1 + ix >= 0) v = xh[xhb + MT - 1 + ix];", row_end);
-  w.line("  f += bq[m] * v;");
+  w.line("I64 ix = n - m;");
+  w.line("R v = (R)0;");
+  w.emit("if ($ix >= 0) v = x[xb + ix];", row_end);
+  w.emit("else if (hzi && $MT - 1 + ix >= 0) v = xh[xhb + MT - 1 + ix];", row_end);
+  w.line("f += bq[m] * v;");
   w.line("}");
 }
 

@@ -22,7 +22,8 @@ CArray<T> history(const py::object& obj, int64_t rows, int64_t per_row, const ch
   return h;
 }
 
-// A device copy of a host array, or none when it holds nothing.
+// A device copy of a host array, or none when it holds nothing (a history
+// left out is an empty array).
 template <class T>
 DeviceBuffer maybe_to_device(const CArray<T>& h) {
   return h.size() ? to_device(h.data(), static_cast<size_t>(h.size())) : DeviceBuffer();
@@ -40,22 +41,18 @@ py::object lfilter_staged(const py::object& x_obj, const py::object& cf_obj, int
   call.n = x.shape(1);
   call.p = p;
   call.m1 = m1;
-  call.history = !xh_obj.is_none();
+  call.history = !xh_obj.is_none() || !zy_obj.is_none();
   check_lfilter(call);
-  if (xh_obj.is_none() && !zy_obj.is_none()) refuse_one_history("zy", "xh");
-  if (!xh_obj.is_none() && zy_obj.is_none()) refuse_one_history("xh", "zy");
+  check_histories(call, !xh_obj.is_none(), !zy_obj.is_none(), "xh", "zy");
   if (cf.size() < codegen::lfilter_cf_elements(p, m1))
     throw std::invalid_argument("lfilter: cf must hold m1 + p + 8 * p * p coefficients");
   CArray<T> xh, zy;
-  if (call.history) {
-    xh = history<T>(xh_obj, call.rows, m1 - 1, "lfilter: xh must hold m1 - 1 samples for each row");
-    zy = history<T>(zy_obj, call.rows, p, "lfilter: zy must hold p outputs for each row");
-  }
+  if (!xh_obj.is_none()) xh = history<T>(xh_obj, call.rows, m1 - 1, "lfilter: xh must hold m1 - 1 samples for each row");
+  if (!zy_obj.is_none()) zy = history<T>(zy_obj, call.rows, p, "lfilter: zy must hold p outputs for each row");
   check_scan_accuracy(cf.data(), p, m1, call.threads);
   return staged_call<T>(x, {x.shape(0), x.shape(1)}, Upload::pinned, [&](const void* dx, void* dy) {
     const DeviceBuffer dcf = to_device(cf.data(), static_cast<size_t>(cf.size()));
-    const DeviceBuffer dxh = call.history ? maybe_to_device(xh) : DeviceBuffer();
-    const DeviceBuffer dzy = call.history ? maybe_to_device(zy) : DeviceBuffer();
+    const DeviceBuffer dxh = maybe_to_device(xh), dzy = maybe_to_device(zy);
     lfilter(dx, dy, dcf.p, dxh.p, dzy.p, call, sizeof(T) == 8, 0, nullptr, true);
   });
 }
@@ -102,7 +99,7 @@ void register_lfilter(py::module_& m) {
                    "x[n - k] minus sum over j below p of a[j] y[n - 1 - j], with b, a and the powers packed in "
                    "cf as lfilter_pack_resident lays them out (scipy.signal.lfilter(b, numpy.r_[1, a], x)). "
                    "Returns (rows, samples). xh (rows, m1 - 1) and zy (rows, p, most recent first) continue a "
-                   "signal: the inputs and outputs before the first sample; both or neither. Runs in double "
+                   "signal: the inputs and outputs before the first sample; both or neither, except that one which would hold no element (xh with m1 1, zy with p 0) may be left out. Runs in double "
                    "when x is float64, else in single, with 256 threads of 16 samples a row.") +
        kAccuracy)
           .c_str());
@@ -120,8 +117,7 @@ void register_lfilter(py::module_& m) {
         call.seq = seq;
         call.history = xh_ptr != 0 || zy_ptr != 0;
         check_lfilter(call);
-        if (!xh_ptr && zy_ptr) refuse_one_history("zy_ptr", "xh_ptr");
-        if (xh_ptr && !zy_ptr) refuse_one_history("xh_ptr", "zy_ptr");
+        check_histories(call, xh_ptr != 0, zy_ptr != 0, "xh_ptr", "zy_ptr");
         lfilter(device_address(x_ptr), device_address(y_ptr), device_address(cf_ptr), device_address(xh_ptr),
                 device_address(zy_ptr), call, precision_code(prec).is_double(), device, stream_handle(stream),
                 false);
@@ -130,7 +126,7 @@ void register_lfilter(py::module_& m) {
       py::arg("m1"), py::arg("prec"), py::arg("device") = 0, py::arg("stream") = 0, py::arg("xh_ptr") = 0,
       py::arg("zy_ptr") = 0, py::arg("threads") = 256, py::arg("seq") = 16,
       (std::string("lfilter_staged between device addresses: x and y rows x n, cf from lfilter_pack_resident, "
-                   "xh_ptr (rows x (m1 - 1)) and zy_ptr (rows x p) both or neither; one block of `threads` "
+                   "xh_ptr (rows x (m1 - 1)) and zy_ptr (rows x p) both or neither (one that would hold nothing may be 0); one block of `threads` "
                    "threads (1 to 256) a row, runs of `seq` (16, what cf is packed for) samples, rows in chunks "
                    "of 65535. Before the launch the levels of cf are read back (waiting for `stream`) and "
                    "checked; a filter once found accurate is not checked again. prec 2 is double, every other "

@@ -83,9 +83,13 @@ void check_lfilter(const LfilterCall& c) {
     throw std::invalid_argument("lfilter: threads must be from 1 to 256, the scans the eight levels in cf serve");
 }
 
-void refuse_one_history(const std::string& given, const std::string& missing) {
-  throw std::invalid_argument("lfilter: " + given + " was given without " + missing +
-                              "; pass both histories or neither");
+void check_histories(const LfilterCall& c, bool has_xh, bool has_zy, const std::string& xh, const std::string& zy) {
+  const auto refuse = [](const std::string& given, const std::string& missing) {
+    throw std::invalid_argument("lfilter: " + given + " was given without " + missing +
+                                "; pass both histories or neither");
+  };
+  if (has_zy && !has_xh && c.m1 > 1) refuse(zy, xh);
+  if (has_xh && !has_zy && c.p > 0) refuse(xh, zy);
 }
 
 template <class T>

@@ -29,8 +29,10 @@ void check_lfilter_order(int32_t p, int32_t m1);
 // The order, then `seq` 16 and `threads` from 1 to 256, the only shapes
 // the levels of a cf serve.
 void check_lfilter(const LfilterCall& call);
-// Both histories or neither: `given` was passed without `missing`.
-[[noreturn]] void refuse_one_history(const std::string& given, const std::string& missing);
+// Both histories or neither, under the names `xh` and `zy`; one that holds
+// no element (xh with m1 1, zy with p 0) may be left out. A history left
+// out otherwise would read as zeros: std::invalid_argument instead.
+void check_histories(const LfilterCall& call, bool has_xh, bool has_zy, const std::string& xh, const std::string& zy);
 
 // Throws std::invalid_argument, with the advice to split the filter into
 // second-order sections (or, in single precision, to filter in double),
