@@ -25,6 +25,16 @@ EXPECTED_FUNCTIONS = [
     "shape_epoch",
     "shape_hint_clear",
     "route_explain",
+    "conv_fft_staged",
+    "conv_fft_resident",
+    "conv_cplx_staged",
+    "conv_cplx_resident",
+    "conv_direct_staged",
+    "conv_direct_resident",
+    "conv_adjoint_resident",
+    "lfilter_pack_resident",
+    "lfilter_staged",
+    "lfilter_resident",
 ]
 
 

@@ -58,16 +58,17 @@ py::object lfilter_staged(const py::object& x_obj, const py::object& cf_obj, int
 }
 
 constexpr const char* kAccuracy =
-    " The scan carries the filter's state across runs of 16 samples with powers of the companion matrix that "
-    "the pack squares in the working precision; for poles near the unit circle they lose accuracy, and a "
-    "filter whose powers in cf are off by more than 0.1 (relative error of about 1e-2 in the output, or "
-    "overflow) is refused with a ValueError. Measured against scipy.signal.lfilter in float64 (relative L2, "
-    "random input): Butterworth low-pass of order 8 as one section, single 6e-7 at a normalised cutoff of 0.4, "
-    "3e-5 at 0.3, refused at 0.25; double 5e-14 at 0.3, 1e-9 at 0.2, 1e-7 at 0.15, refused at 0.1. Order 4: "
-    "single 2e-7 at 0.3, 1e-3 at 0.1, refused at 0.05; double 2e-12 at 0.1, 7e-7 at 0.02. A biquad with poles "
-    "at radius 0.999: single 2e-4 at angle 0.3, 1e-3 at 0.03, refused at 0.003; double 9e-14, 2e-11, 1e-9. "
-    "Split high orders into second-order sections run one after another, and use double for low-frequency "
-    "sections in single precision.";
+    " Accuracy: the scan carries the state across runs of 16 samples with powers of the companion matrix that "
+    "were squared in the working precision; with poles near the unit circle they lose accuracy, and the filter "
+    "with them. A filter whose powers in cf are off the exact ones by more than 0.1 (an output error of up to "
+    "about 1e-2, or overflow) is refused with a ValueError. Relative L2 error against scipy.signal.lfilter in "
+    "float64, white noise, cf packed on the device (bench/lfilter_accuracy.py): Butterworth low-pass run as one "
+    "section, order 2: single 6e-7 at a normalised cutoff of 0.1, 3e-4 at 0.01, refused at 0.001; double 7e-16, "
+    "3e-13, 3e-10. Order 4: single 2e-7 at 0.3, 2e-3 at 0.1, refused at 0.05; double 5e-16, 4e-12, 3e-9, 6e-6 "
+    "at 0.02. Order 8: single 6e-7 at 0.4, 2e-5 at 0.3, refused at 0.2; double 1e-13 at 0.3, 6e-10 at 0.2, "
+    "4e-7 at 0.15, refused at 0.1. A biquad with poles at radius 0.999: single 3e-4 at angle 0.3, refused at "
+    "0.03; double 1e-13, 2e-11 at 0.03, 5e-10 at 0.003. So: run filters above order 2 as a cascade of "
+    "second-order sections (one call each), and narrow or low-frequency sections in double.";
 
 }  // namespace
 
@@ -128,9 +129,9 @@ void register_lfilter(py::module_& m) {
       (std::string("lfilter_staged between device addresses: x and y rows x n, cf from lfilter_pack_resident, "
                    "xh_ptr (rows x (m1 - 1)) and zy_ptr (rows x p) both or neither (one that would hold nothing may be 0); one block of `threads` "
                    "threads (1 to 256) a row, runs of `seq` (16, what cf is packed for) samples, rows in chunks "
-                   "of 65535. Before the launch the levels of cf are read back (waiting for `stream`) and "
-                   "checked; a filter once found accurate is not checked again. prec 2 is double, every other "
-                   "value single.") +
+                   "of 65535. Before the launch the coefficients and levels of cf are read back (waiting for "
+                   "the work before on `stream`) and checked as below; the check of a block already found "
+                   "accurate is remembered. prec 2 is double, every other value single.") +
        kAccuracy)
           .c_str());
 }
