@@ -140,9 +140,9 @@ A2, B2, A1 = np.zeros((3, 8)), np.zeros((1, 3)), np.zeros(8)
 ERRORS = [
     (lambda: _rocm.conv_fft_staged(A1, B2, 16, 0, 4), "expected 2-D (rows, samples) arrays"),
     (lambda: _rocm.conv_cplx_staged(A2, A1, 16, 0, 4), "expected 2-D (rows, samples) arrays"),
-    (lambda: _rocm.conv_fft_staged(A2, np.zeros((2, 3)), 16, 0, 4), "conv: b rows must be 1 or match a"),
+    (lambda: _rocm.conv_fft_staged(A2, np.zeros((2, 3)), 2, 0, 40), "conv: b rows must be 1 or match a"),
     (lambda: _rocm.conv_cplx_staged(A1, np.zeros((2, 3)), 16, 0, 4), "expected 2-D (rows, samples) arrays"),
-    (lambda: _rocm.conv_direct_staged(A1, B2, 0, 4), "conv_direct: expected 2-D (rows, samples) arrays"),
+    (lambda: _rocm.conv_direct_staged(A1, np.zeros((2, 3)), 0, -4), "conv_direct: expected 2-D (rows, samples) arrays"),
     (lambda: _rocm.conv_direct_staged(A2, np.zeros((2, 3)), 0, 4),
      "conv_direct: kernel rows must be 1 or match the signal rows"),
     (lambda: _rocm.conv_fft_resident(0, 0, 0, 3, 2, 8, 3, 16, 0, 4, 1), "conv: b rows must be 1 or match a"),

@@ -165,7 +165,8 @@ X2, CF11, CF12 = np.zeros((2, 10)), pack(np.ones(1), np.array([0.5])), pack(np.o
 # are 0, so a text that came after device work would not come at all.
 ERRORS = [
     (lambda: _rocm.lfilter_staged(np.zeros(10), CF11, 1, 1), "lfilter: expected a 2-D (rows, samples) array"),
-    (lambda: _rocm.lfilter_staged(X2, np.float64(1), 1, 1), "invalid axis"),
+    (lambda: _rocm.lfilter_staged(np.zeros(10), np.float64(1), -1, 1), "lfilter: expected a 2-D (rows, samples) array"),
+    (lambda: _rocm.lfilter_staged(X2, np.float64(1), -1, 1), "invalid axis"),
     (lambda: _rocm.lfilter_staged(X2, CF11, -1, 1), "lfilter: p must be non-negative and m1 at least 1"),
     (lambda: _rocm.lfilter_staged(X2, CF11, 1, 0), "lfilter: p must be non-negative and m1 at least 1"),
     (lambda: _rocm.lfilter_staged(X2, CF12, 1, 2, None, np.zeros((2, 1))),

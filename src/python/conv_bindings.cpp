@@ -94,7 +94,8 @@ void register_convolution(py::module_& m) {
       (std::string("Real convolution through real FFTs of length nf: a (rows, n) and b (1 or rows, m) give "
                    "(rows, outlen).") +
        kWindow + kFftRule +
-       " Runs in double when a is float64, else in single (relative L2 error about 1e-7 single, 1e-16 double).")
+       " Runs in double when a is float64, else in single (relative L2 error of a few 1e-7 in single, about "
+       "1e-15 in double).")
           .c_str());
   m.def(
       "conv_fft_resident",
