@@ -134,7 +134,7 @@ KernelPlan convslice_plan(int compute, int storage) {
 
 std::vector<KernelPlan> conv_kernels(int32_t nf, bool complex, const Precision& prec, uint64_t shared_limit) {
   const int compute = prec.is_double() ? kDoubleCode : kSingleCode, storage = complex ? compute : prec.storage;
-  std::vector<KernelPlan> out = {convpad_plan(compute, complex ? compute : storage), convmul_plan(compute)};
+  std::vector<KernelPlan> out = {convpad_plan(compute, storage), convmul_plan(compute)};
   if (!complex) out.push_back(convslice_plan(compute, storage));
   for (bool inverse : {false, true})
     for (KernelPlan& k : transform_kernels(nf, !complex, full_width(prec.is_double()), inverse, shared_limit))
