@@ -30,5 +30,5 @@ def test_accuracy_table_quick():
     done = subprocess.run([sys.executable, str(BENCH / "lfilter_accuracy.py"), "--quick"], capture_output=True,
                           text=True, timeout=300)
     assert done.returncode == 0, done.stderr
-    rows = [line for line in done.stdout.splitlines() if line.startswith("| Butterworth") or line.startswith("| biquad")]
+    rows = [line for line in done.stdout.splitlines() if line.startswith(("| Butterworth", "| biquad"))]
     assert len(rows) == 4, done.stdout

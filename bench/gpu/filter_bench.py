@@ -240,7 +240,8 @@ def main() -> None:
     mode.add_argument("--cpu", action="store_true", help="lfilter_staged on the CPU runtime beside scipy")
     mode.add_argument("--smoke", action="store_true", help="--cpu on two short rows, one repeat (the test)")
     parser.add_argument("--rows", type=int, default=None, help="rows (default 64 on a GPU, 4 with --cpu)")
-    parser.add_argument("--seconds", type=float, default=None, help="seconds a row at 44.1 kHz (default 10, 1 with --cpu)")
+    parser.add_argument("--seconds", type=float, default=None,
+                        help="seconds a row at 44.1 kHz (default 10, 1 with --cpu)")
     parser.add_argument("--repeats", type=int, default=30)
     parser.add_argument("--out", type=Path, default=Path("/tmp/ondrel-gpu"))
     args = parser.parse_args()

@@ -32,7 +32,8 @@ KernelParams convslice_params() {
 }
 
 std::string convpad_kernel(int compute, int storage, const Backend& backend) {
-  std::string text = real_head(compute, storage, backend) + KernelSig("ondrel_convpad", backend, convpad_params()).head();
+  std::string text =
+      real_head(compute, storage, backend) + KernelSig("ondrel_convpad", backend, convpad_params()).head();
   KernelWriter w(compute, backend);
   flat_ids(w, "j", "plen", "row", "");
   w.line("out[row * plen + j] = j < n ? (T)x[row * n + j] : (T)0;");

@@ -34,9 +34,10 @@ void register_conv_adjoint(py::module_& m) {
       "placed at `off` in rows of nf zeros, convolved circularly with w (rows_w x len_w, rows_w 1 or rows) "
       "reversed in time (and conjugated when cplx); out is the slice [sl_start, sl_start + sl_len) of each row "
       "(rows x sl_len), or with sum_rows their sum (one row of sl_len, summed in row order). nf of at least "
-      "off + len_g + len_w - 1 keeps the correlation from wrapping. For y = conv(a, b) cut at `start`: the gradient of a is gy with w = b, off = max(0, "
-      "start - m + 1), sl_start = off + m - 1 - start, sl_len = n; that of b is gy with w = a, off = max(0, "
-      "start - n + 1), sl_start = off + n - 1 - start, sl_len = m, summed over rows when b has one row. Real data "
+      "off + len_g + len_w - 1 keeps the correlation from wrapping. For y = conv(a, b) cut at `start`: the "
+      "gradient of a is gy with w = b, off = max(0, start - m + 1), sl_start = off + m - 1 - start, sl_len = n; "
+      "that of b is gy with w = a, off = max(0, start - n + 1), sl_start = off + n - 1 - start, sl_len = m, "
+      "summed over rows when b has one row. Real data "
       "(cplx 0): prec 0 (and 3) half with single arithmetic, 1 single, 2 double; complex data: prec 2 double, "
       "else single. Above 65535 rows: RuntimeError 'ondrel_convstage: batch exceeds grid.y limit'.");
 }

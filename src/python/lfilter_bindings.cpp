@@ -47,7 +47,8 @@ py::object lfilter_staged(const py::object& x_obj, const py::object& cf_obj, int
   if (cf.size() < codegen::lfilter_cf_elements(p, m1))
     throw std::invalid_argument("lfilter: cf must hold m1 + p + 8 * p * p coefficients");
   CArray<T> xh, zy;
-  if (!xh_obj.is_none()) xh = history<T>(xh_obj, call.rows, m1 - 1, "lfilter: xh must hold m1 - 1 samples for each row");
+  if (!xh_obj.is_none())
+    xh = history<T>(xh_obj, call.rows, m1 - 1, "lfilter: xh must hold m1 - 1 samples for each row");
   if (!zy_obj.is_none()) zy = history<T>(zy_obj, call.rows, p, "lfilter: zy must hold p outputs for each row");
   check_scan_accuracy(cf.data(), p, m1, call.threads);
   return staged_call<T>(x, {x.shape(0), x.shape(1)}, Upload::pinned, [&](const void* dx, void* dy) {
@@ -100,7 +101,8 @@ void register_lfilter(py::module_& m) {
                    "x[n - k] minus sum over j below p of a[j] y[n - 1 - j], with b, a and the powers packed in "
                    "cf as lfilter_pack_resident lays them out (scipy.signal.lfilter(b, numpy.r_[1, a], x)). "
                    "Returns (rows, samples). xh (rows, m1 - 1) and zy (rows, p, most recent first) continue a "
-                   "signal: the inputs and outputs before the first sample; both or neither, except that one which would hold no element (xh with m1 1, zy with p 0) may be left out. Runs in double "
+                   "signal: the inputs and outputs before the first sample; both or neither, except that one "
+                   "which would hold no element (xh with m1 1, zy with p 0) may be left out. Runs in double "
                    "when x is float64, else in single, with 256 threads of 16 samples a row.") +
        kAccuracy)
           .c_str());
@@ -127,9 +129,9 @@ void register_lfilter(py::module_& m) {
       py::arg("m1"), py::arg("prec"), py::arg("device") = 0, py::arg("stream") = 0, py::arg("xh_ptr") = 0,
       py::arg("zy_ptr") = 0, py::arg("threads") = 256, py::arg("seq") = 16,
       (std::string("lfilter_staged between device addresses: x and y rows x n, cf from lfilter_pack_resident, "
-                   "xh_ptr (rows x (m1 - 1)) and zy_ptr (rows x p) both or neither (one that would hold nothing may be 0); one block of `threads` "
-                   "threads (1 to 256) a row, runs of `seq` (16, what cf is packed for) samples, rows in chunks "
-                   "of 65535. Before the launch the coefficients and levels of cf are read back (waiting for "
+                   "xh_ptr (rows x (m1 - 1)) and zy_ptr (rows x p) both or neither (one that would hold "
+                   "nothing may be 0); one block of `threads` threads (1 to 256) a row, runs of `seq` (16, "
+                   "what cf is packed for) samples, rows in chunks of 65535. Before the launch the coefficients and levels of cf are read back (waiting for "
                    "the work before on `stream`) and checked as below; the check of a block already found "
                    "accurate is remembered. prec 2 is double, every other value single.") +
        kAccuracy)
