@@ -70,6 +70,7 @@ def test_resident_pack_matches_numpy(p, m1, prec):
                                atol=(1e-3 if prec == 1 else 1e-11) * np.abs(want).max())
     x = signal(2, 5000, prec, 2)
     check(resident(x, dcf.ptr, p, m1, prec), reference(b, a, x), prec, f"packed on the device, p {p} m1 {m1}")
+    check(_rocm.lfilter_staged(x, cf[:-1], p, m1), reference(b, a, x), prec, "staged, packed on the device")
 
 
 @pytest.mark.parametrize("p,m1,prec", [(2, 3, 1), (4, 1, 2), (0, 5, 2), (8, 9, 2), (3, 4, 1)])
