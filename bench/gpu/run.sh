@@ -8,6 +8,9 @@
 #          (none: every preset, complex, real and long, in one run; or
 #          --preset NAME..., or --op fft|rfft|irfft --n ... --dtype ...)
 #   all    both, the benchmark with every preset
+#   filters  bench/gpu/filter_bench.py: the recursive filter beside
+#          torchaudio and scipy, the FFT convolution beside torch (needs
+#          torchaudio in the image); arguments follow. `all` runs it too.
 # Everything it prints also lands in $OUT (the folder that comes back), or
 # in /tmp/ondrel-gpu where $OUT is unset: device.txt, build.log, tests.log,
 # bench.log, bench.json, and bench.md with one table per preset and
@@ -21,8 +24,8 @@ mkdir -p "$out"
 what=${1:-all}
 shift || true
 case $what in
-  tests | fft | all) ;;
-  *) echo "usage: $0 [tests | fft | all] [benchmark arguments]" >&2; exit 2 ;;
+  tests | fft | filters | all) ;;
+  *) echo "usage: $0 [tests | fft | filters | all] [benchmark arguments]" >&2; exit 2 ;;
 esac
 export PYTHONUNBUFFERED=1
 
@@ -54,5 +57,12 @@ if [ "$what" = tests ] || [ "$what" = all ]; then
 fi
 if [ "$what" = fft ] || [ "$what" = all ]; then
   (cd /tmp && python3 "$root/bench/gpu/fft_bench.py" --out "$out" "$@") 2>&1 | tee "$out/bench.log" || status=1
+fi
+if [ "$what" = filters ] || [ "$what" = all ]; then
+  mkdir -p "$out/filters"
+  args=()
+  [ "$what" = filters ] && args=("$@")
+  (cd /tmp && python3 "$root/bench/gpu/filter_bench.py" --out "$out/filters" "${args[@]}") 2>&1 |
+    tee "$out/filters/bench.log" || status=1
 fi
 exit $status

@@ -103,3 +103,90 @@ def tonnetz_adjoint_resident(c: int, gy: int, gc: int, rows: int, prec: int, dev
 def rms_staged(x: object, frame_length: int, hop: int, center: bool, /) -> numpy.ndarray: ...
 def onset_strength_staged(S: object, /) -> numpy.ndarray: ...
 def tonnetz_staged(C: object, /) -> numpy.ndarray: ...
+def conv_fft_staged(a: object, b: object, nf: int, start: int, outlen: int) -> numpy.ndarray: ...
+def conv_fft_resident(
+    a_ptr: int,
+    b_ptr: int,
+    y_ptr: int,
+    rows: int,
+    rows_b: int,
+    n: int,
+    m: int,
+    nf: int,
+    start: int,
+    outlen: int,
+    prec: int,
+    device: int = 0,
+    stream: int = 0,
+) -> None: ...
+def conv_cplx_staged(a: object, b: object, nf: int, start: int, outlen: int) -> numpy.ndarray: ...
+def conv_cplx_resident(
+    a_ptr: int,
+    b_ptr: int,
+    y_ptr: int,
+    rows: int,
+    rows_b: int,
+    n: int,
+    m: int,
+    nf: int,
+    start: int,
+    outlen: int,
+    prec: int,
+    device: int = 0,
+    stream: int = 0,
+) -> None: ...
+def conv_direct_staged(a: numpy.ndarray, b: numpy.ndarray, start: int, outlen: int) -> numpy.ndarray: ...
+def conv_direct_resident(
+    a_ptr: int,
+    b_ptr: int,
+    y_ptr: int,
+    rows: int,
+    rows_b: int,
+    n: int,
+    m: int,
+    start: int,
+    outlen: int,
+    prec: int,
+    device: int = 0,
+    stream: int = 0,
+) -> None: ...
+def conv_adjoint_resident(
+    gy_ptr: int,
+    w_ptr: int,
+    out_ptr: int,
+    rows: int,
+    rows_w: int,
+    len_g: int,
+    len_w: int,
+    nf: int,
+    off: int,
+    sl_start: int,
+    sl_len: int,
+    sum_rows: int,
+    cplx: int,
+    prec: int,
+    device: int = 0,
+    stream: int = 0,
+) -> None: ...
+def lfilter_pack_resident(
+    b_ptr: int, a_ptr: int, cf_ptr: int, p: int, m1: int, prec: int, device: int = 0, stream: int = 0
+) -> None: ...
+def lfilter_staged(
+    x: object, cf: object, p: int, m1: int, xh: object = None, zy: object = None
+) -> numpy.ndarray: ...
+def lfilter_resident(
+    x_ptr: int,
+    y_ptr: int,
+    cf_ptr: int,
+    rows: int,
+    n: int,
+    p: int,
+    m1: int,
+    prec: int,
+    device: int = 0,
+    stream: int = 0,
+    xh_ptr: int = 0,
+    zy_ptr: int = 0,
+    threads: int = 256,
+    seq: int = 16,
+) -> None: ...

@@ -23,6 +23,10 @@ std::string iot_typedef(const Backend& backend, int compute, int storage) {
   return "typedef " + (storage == compute ? std::string("cplx") : backend.pair_type(storage)) + " iot;\n";
 }
 
+std::string real_typedefs(const Backend& backend, int compute, int storage) {
+  return "typedef " + backend.real_type(compute) + " T;\ntypedef " + backend.real_type(storage) + " S;\n";
+}
+
 std::string fft_prelude(const Backend& backend, int compute, int storage) {
   return backend.preamble(storage != 0 ? compute : 0) + complex_prelude(backend, compute) +
          iot_typedef(backend, compute, storage);

@@ -20,6 +20,11 @@ std::string complex_prelude(const Backend& backend, int prec);
 // a pair of halves when `storage` is 0 (arithmetic stays in `compute`).
 std::string iot_typedef(const Backend& backend, int compute, int storage);
 
+// `T`, the real type of the arithmetic, and `S`, that of data in global
+// memory (the same, or __half when `storage` is 0): the element-wise
+// kernels of the filtering family.
+std::string real_typedefs(const Backend& backend, int compute, int storage);
+
 // The head of the FFT kernels: preamble, complex prelude and `iot`.
 std::string fft_prelude(const Backend& backend, int compute, int storage);
 

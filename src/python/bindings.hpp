@@ -29,5 +29,12 @@ void register_hints(pybind11::module_& m);
 
 // rms_resident ... tonnetz_staged: the small frame features, positional only.
 void register_features(pybind11::module_& m);
+// conv_fft_staged, conv_fft_resident, conv_cplx_staged, conv_cplx_resident,
+// conv_direct_staged, conv_direct_resident: the convolutions.
+void register_convolution(pybind11::module_& m);
+// conv_adjoint_resident.
+void register_conv_adjoint(pybind11::module_& m);
+// lfilter_pack_resident, lfilter_staged, lfilter_resident.
+void register_lfilter(pybind11::module_& m);
 
 }  // namespace ondrel::python

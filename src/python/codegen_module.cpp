@@ -11,9 +11,13 @@
 #include "codegen/sample_kernel.hpp"
 #include "cuda_like/ops/bluestein.hpp"
 #include "cuda_like/ops/features.hpp"
+#include "cuda_like/ops/conv.hpp"
+#include "cuda_like/ops/conv_adjoint.hpp"
+#include "cuda_like/ops/conv_direct.hpp"
 #include "cuda_like/ops/fft.hpp"
 #include "cuda_like/ops/four_step.hpp"
 #include "cuda_like/ops/four_step_real.hpp"
+#include "cuda_like/ops/lfilter.hpp"
 #include "cuda_like/ops/rfft.hpp"
 #include "cuda_like/ops/stft.hpp"
 #include "cuda_like/tune/tuned_table.hpp"
@@ -166,4 +170,40 @@ PYBIND11_MODULE(_codegen, m) {
       py::arg("prec") = 1,
       "[(kernel key, text)] of the RMS, onset strength and tonnetz kernels that resident calls of precision "
       "code prec compile: the three forwards, and the three adjoints unless the data are half.");
+  m.def(
+      "conv_kernel_texts",
+      [](const std::string& form, int32_t nf, int32_t prec, uint64_t shared_limit) {
+        const ondrel::Precision p = ondrel::precision_code(prec);
+        if (form == "direct") return texts({ondrel::convdir_plan(p.is_double() ? 2 : 1, p.storage)});
+        if (form == "cplx") return texts(ondrel::conv_kernels(nf, true, ondrel::full_width(prec == 2), shared_limit));
+        if (form == "fft") return texts(ondrel::conv_kernels(nf, false, p, shared_limit));
+        throw py::value_error("conv_kernel_texts: form must be 'fft', 'cplx' or 'direct'");
+      },
+      py::arg("form"), py::arg("nf"), py::arg("prec") = 1, py::arg("shared_limit") = 65536,
+      "[(kernel key, text)] of what conv_fft_resident ('fft'), conv_cplx_resident ('cplx') or "
+      "conv_direct_resident ('direct') compiles for the FFT length nf (not read by 'direct') and precision code.");
+  m.def(
+      "conv_adjoint_kernel_texts",
+      [](int32_t nf, bool cplx, bool sum_rows, int32_t prec, uint64_t shared_limit) {
+        ondrel::ConvAdjointCall c;
+        c.nf = nf;
+        c.complex = cplx;
+        c.sum_rows = sum_rows;
+        return texts(ondrel::conv_adjoint_kernels(
+            c, cplx ? ondrel::full_width(prec == 2) : ondrel::precision_code(prec), shared_limit));
+      },
+      py::arg("nf"), py::arg("cplx") = false, py::arg("sum_rows") = false, py::arg("prec") = 1,
+      py::arg("shared_limit") = 65536,
+      "[(kernel key, text)] of what conv_adjoint_resident compiles for these arguments.");
+  m.def(
+      "lfilter_kernel_texts",
+      [](int32_t p, int32_t m1, int32_t prec, int32_t threads, int32_t seq) {
+        ondrel::check_lfilter_order(p, m1);
+        const bool is_double = ondrel::precision_code(prec).is_double();
+        return texts({ondrel::lfilter_pack_plan(p, m1, is_double),
+                      ondrel::lfilter_plan(p, m1, is_double, threads, seq)});
+      },
+      py::arg("p"), py::arg("m1"), py::arg("prec") = 1, py::arg("threads") = 256, py::arg("seq") = 16,
+      "[(kernel key, text)] of the pack kernel and the filter kernel of a filter with p feedback and m1 "
+      "feedforward coefficients.");
 }

@@ -12,5 +12,8 @@ PYBIND11_MODULE(_rocm, m) {
   ondrel::python::register_fourier(m);
   ondrel::python::register_stft(m);
   ondrel::python::register_features(m);
+  ondrel::python::register_convolution(m);
+  ondrel::python::register_conv_adjoint(m);
+  ondrel::python::register_lfilter(m);
   ondrel::python::register_hints(m);
 }
