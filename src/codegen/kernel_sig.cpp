@@ -35,7 +35,8 @@ std::string KernelSig::call_text() const {
 std::string KernelSig::head() const {
   std::string h = backend.kernel_head();
   if (bound_threads != 0) h += backend.launch_bounds(bound_threads, bound_extra);
-  h += " " + call_text();
+  h += ' ';
+  h += call_text();
   h += shared_name.empty() ? backend.extra_params_plain() : backend.extra_params_shared();
   h += ") {\n";
   if (!shared_name.empty()) h += "  " + backend.shared_declaration(shared_type, shared_name) + "\n";
