@@ -8,9 +8,9 @@ from ondrel import _codegen
 from conftest import clean_env
 
 
-def test_demo_prints_versions_runtime_and_a_kernel():
+def test_demo_prints_versions_runtime_and_a_kernel(tmp_path):
     proc = subprocess.run(
-        [sys.executable, "-m", "ondrel.demo", "--n", "8", "--inverse"],
+        [sys.executable, "-m", "ondrel.demo", "--n", "8", "--inverse", "--png", str(tmp_path / "s.png")],
         env=clean_env(),
         capture_output=True,
         text=True,
@@ -27,6 +27,9 @@ def test_demo_prints_versions_runtime_and_a_kernel():
     assert "  float a1 = (float)(0.78539816339744828) * (float)((int)i);\n" in out
     if "runtime: none" not in out:
         assert "peaks at 440 Hz and 1000 Hz" in out
+        error = float(out.split("differs from numpy by ")[1].split(" dB")[0])
+        assert error < 1e-3
+        assert ("picture: " in out) == (tmp_path / "s.png").exists()
 
 
 @pytest.mark.parametrize("prec", [0, 1, 2])

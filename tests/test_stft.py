@@ -3,7 +3,11 @@ path, every window, the edges of framing, half data, tuned knobs, errors."""
 
 from __future__ import annotations
 
+import json
 import os
+import subprocess
+import sys
+from pathlib import Path
 
 import numpy as np
 import pytest
@@ -11,6 +15,7 @@ import scipy.signal
 
 import nvrtc_check
 from device_memory import guarded_call
+import ondrel
 from ondrel import _codegen, _rocm
 
 SEED = int(os.environ.get("ONDREL_TEST_SEED", np.random.SeedSequence().entropy % 2**32))
@@ -301,3 +306,13 @@ def test_kernel_texts_compile_for_sm90(n, prec, output):
     for key, text in _codegen.stft_kernel_texts(n, max(1, n // 4), True, output, 1e-10, "hann", prec, 3 * n):
         errors = nvrtc_check.compile_errors(text, key + ".cu")
         assert errors is None, f"{key}:\n{errors}"
+
+
+@pytest.mark.skipif(ondrel.runtime != "cpu", reason="the smoke mode runs on the CPU runtime")
+def test_bench_smoke(tmp_path):
+    bench = Path(__file__).resolve().parents[1] / "bench" / "gpu" / "stft_bench.py"
+    done = subprocess.run([sys.executable, str(bench), "--smoke", "--out", str(tmp_path)], capture_output=True,
+                          text=True, timeout=300)
+    assert done.returncode == 0, done.stderr
+    cases = json.loads((tmp_path / "bench.json").read_text())["cases"]
+    assert len(cases) == 6 and all(c["err"] < 1e-5 and c["ms"] > 0 for c in cases), cases

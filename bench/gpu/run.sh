@@ -8,6 +8,8 @@
 #          (none: every preset, complex, real and long, in one run; or
 #          --preset NAME..., or --op fft|rfft|irfft --n ... --dtype ...)
 #   all    both, the benchmark with every preset
+#   stft   bench/gpu/stft_bench.py: the STFT beside torch.stft; `all` runs
+#          it too
 #   filters  bench/gpu/filter_bench.py: the recursive filter beside
 #          torchaudio and scipy, the FFT convolution beside torch (needs
 #          torchaudio in the image); arguments follow. `all` runs it too.
@@ -24,8 +26,8 @@ mkdir -p "$out"
 what=${1:-all}
 shift || true
 case $what in
-  tests | fft | filters | all) ;;
-  *) echo "usage: $0 [tests | fft | filters | all] [benchmark arguments]" >&2; exit 2 ;;
+  tests | fft | stft | filters | all) ;;
+  *) echo "usage: $0 [tests | fft | stft | filters | all] [benchmark arguments]" >&2; exit 2 ;;
 esac
 export PYTHONUNBUFFERED=1
 
@@ -57,6 +59,10 @@ if [ "$what" = tests ] || [ "$what" = all ]; then
 fi
 if [ "$what" = fft ] || [ "$what" = all ]; then
   (cd /tmp && python3 "$root/bench/gpu/fft_bench.py" --out "$out" "$@") 2>&1 | tee "$out/bench.log" || status=1
+fi
+if [ "$what" = stft ] || [ "$what" = all ]; then
+  mkdir -p "$out/stft"
+  (cd /tmp && python3 "$root/bench/gpu/stft_bench.py" --out "$out/stft") 2>&1 | tee "$out/stft/bench.log" || status=1
 fi
 if [ "$what" = filters ] || [ "$what" = all ]; then
   mkdir -p "$out/filters"

@@ -1,0 +1,178 @@
+"""The STFT beside what audio people use today.
+
+GPU (the CUDA runtime with torch, on a lent machine): stft_resident on 64
+signals of 220500 samples (10 s at 22.05 kHz), Hann, centred with reflect
+padding, for (n_fft, hop) = (2048, 512), (1024, 256), (512, 128), complex
+and magnitude outputs, in float32 and on half data (prec 0), beside
+torch.stft (center=True, pad_mode="reflect", return_complex=True; for the
+magnitude output followed by abs) on the same stream and data. Times are
+medians over CUDA events around single calls after warm-up; every case is
+first checked against torch in float64. Also the host overhead of one
+replayed stft_resident call on a tiny input: microseconds per call,
+enqueued back to back without synchronising.
+
+CPU runtime (--cpu, or --smoke for a few seconds, which a test runs):
+stft_staged on the bundled CPU runtime (every GPU thread a fiber) beside a
+numpy STFT of the same data (reflect padding, strided frames, rfft), both
+checked against each other.
+
+Results go to bench.json and bench.md in --out, rewritten after every case.
+"""
+
+from __future__ import annotations
+
+import argparse
+import json
+import statistics
+import time
+from pathlib import Path
+
+import numpy as np
+
+import ondrel
+from ondrel import _rocm
+
+SHAPES = [(2048, 512), (1024, 256), (512, 128)]
+OUTPUTS = ["complex", "magnitude"]
+
+
+def numpy_stft(y: np.ndarray, n: int, hop: int, output: str) -> np.ndarray:
+    """(batch, bins, frames) the way a numpy user writes it."""
+    padded = np.pad(y, ((0, 0), (n // 2, n // 2)), mode="reflect")
+    frames = np.lib.stride_tricks.sliding_window_view(padded, n, axis=1)[:, ::hop]
+    window = (0.5 - 0.5 * np.cos(2 * np.pi * np.arange(n) / n)).astype(y.dtype)
+    x = np.fft.rfft(frames * window, axis=-1).transpose(0, 2, 1)
+    return np.abs(x) if output == "magnitude" else x
+
+
+def rel_error(got: np.ndarray, ref: np.ndarray) -> float:
+    return float(np.linalg.norm(got - ref) / np.linalg.norm(ref))
+
+
+class Bench:
+    def __init__(self, out: Path, head: str):
+        self.out, self.head, self.rows = out, head, []
+        out.mkdir(parents=True, exist_ok=True)
+
+    def add(self, row: dict) -> None:
+        self.rows.append(row)
+        print(json.dumps(row), flush=True)
+        (self.out / "bench.json").write_text(json.dumps({"head": self.head, "cases": self.rows}, indent=1))
+        (self.out / "bench.md").write_text(self.report())
+
+    def report(self) -> str:
+        lines = [self.head, "", "| case | ondrel ms | reference | reference ms | speed-up | error |", "|---|---|---|---|---|---|"]
+        for r in self.rows:
+            lines.append(f"| {r['case']} | {r['ms']:.4g} | {r['ref']} | {r['ref_ms']:.4g} | "
+                         f"{r['ref_ms'] / r['ms']:.2f}x | {r['err']:.1e} |")
+        return "\n".join(lines) + "\n"
+
+
+def gpu_cases(bench: Bench, batch: int, length: int, repeats: int) -> None:
+    import torch
+
+    stream = torch.cuda.Stream()
+    gen = torch.Generator(device="cuda").manual_seed(1)
+
+    def timed(call) -> float:
+        with torch.cuda.stream(stream):
+            for _ in range(3):
+                call()
+            times = []
+            for _ in range(repeats):
+                start, stop = torch.cuda.Event(enable_timing=True), torch.cuda.Event(enable_timing=True)
+                start.record(stream)
+                call()
+                stop.record(stream)
+                stop.synchronize()
+                times.append(start.elapsed_time(stop))
+        return statistics.median(times)
+
+    for dtype, prec in ((torch.float32, 1), (torch.float16, 0)):
+        x = torch.randn(batch, length, device="cuda", generator=gen).to(dtype)
+        for n, hop in SHAPES:
+            frames, bins = length // hop + 1, n // 2 + 1
+            window = torch.hann_window(n, device="cuda", dtype=torch.float32)
+            for output in OUTPUTS:
+                shape = (batch, frames, bins, 2) if output == "complex" else (batch, frames, bins)
+                out = torch.empty(shape, dtype=dtype, device="cuda")
+
+                def ours():
+                    _rocm.stft_resident(x.data_ptr(), out.data_ptr(), batch, length, n, hop, True, output, 1e-10,
+                                        "hann", prec, 0, stream.cuda_stream)
+
+                def theirs():
+                    z = torch.stft(x.float(), n, hop, window=window, center=True, pad_mode="reflect",
+                                   return_complex=True)
+                    return z.abs() if output == "magnitude" else z
+
+                with torch.cuda.stream(stream):
+                    ours()
+                    ref = theirs()
+                torch.cuda.synchronize()
+                got = out.float()
+                got = torch.view_as_complex(got) if output == "complex" else got
+                err = rel_error(got.transpose(1, 2).double().cpu().numpy(), ref.cpu().numpy().astype(
+                    np.complex128 if output == "complex" else np.float64))
+                bench.add({"case": f"{output} {str(dtype)[6:]} {n}/{hop}", "ms": timed(ours),
+                           "ref": "torch.stft" + (" + abs" if output == "magnitude" else ""), "ref_ms": timed(theirs),
+                           "err": err})
+    tiny, out = torch.randn(1, 64, device="cuda"), torch.empty(1, 17, 9, 2, device="cuda")
+    calls = 2000
+    with torch.cuda.stream(stream):
+        _rocm.stft_resident(tiny.data_ptr(), out.data_ptr(), 1, 64, 32, 8, True, "complex", 1e-10, "hann", 1, 0,
+                            stream.cuda_stream)
+        torch.cuda.synchronize()
+        start = time.perf_counter()
+        for _ in range(calls):
+            _rocm.stft_resident(tiny.data_ptr(), out.data_ptr(), 1, 64, 32, 8, True, "complex", 1e-10, "hann", 1, 0,
+                                stream.cuda_stream)
+        per_call = (time.perf_counter() - start) / calls * 1e6
+    torch.cuda.synchronize()
+    print(f"host overhead of a replayed stft_resident call: {per_call:.2f} us", flush=True)
+    bench.head += f"\n\nHost overhead of a replayed stft_resident call (1 x 64 samples, n_fft 32): {per_call:.2f} us"
+
+
+def cpu_cases(bench: Bench, batch: int, length: int, repeats: int) -> None:
+    y = np.random.default_rng(1).standard_normal((batch, length)).astype(np.float32)
+    for n, hop in SHAPES:
+        for output in OUTPUTS:
+            got = _rocm.stft_staged(y, "hann", n, hop, True, output)
+            ref = numpy_stft(y, n, hop, output)
+            ours, theirs = [], []
+            for _ in range(repeats):
+                start = time.perf_counter()
+                _rocm.stft_staged(y, "hann", n, hop, True, output)
+                ours.append((time.perf_counter() - start) * 1e3)
+                start = time.perf_counter()
+                numpy_stft(y, n, hop, output)
+                theirs.append((time.perf_counter() - start) * 1e3)
+            bench.add({"case": f"{output} float32 {n}/{hop}", "ms": statistics.median(ours), "ref": "numpy",
+                       "ref_ms": statistics.median(theirs), "err": rel_error(got, ref)})
+
+
+def main() -> None:
+    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    mode = parser.add_mutually_exclusive_group()
+    mode.add_argument("--cpu", action="store_true", help="stft_staged on the CPU runtime beside numpy")
+    mode.add_argument("--smoke", action="store_true", help="--cpu on two short signals, one repeat (the test)")
+    parser.add_argument("--out", type=Path, default=Path("/tmp/ondrel-stft"))
+    parser.add_argument("--repeats", type=int, default=20)
+    args = parser.parse_args()
+    on_cpu = args.cpu or args.smoke
+    if (ondrel.runtime == "cpu") != on_cpu:
+        raise SystemExit(f"{'--cpu and --smoke need' if on_cpu else 'needs'} the "
+                         f"{'cpu' if on_cpu else 'cuda'} runtime; this process has {ondrel.runtime}")
+    head = f"{time.strftime('%Y-%m-%d')}, {_rocm.device_name()}, runtime {ondrel.runtime}"
+    bench = Bench(args.out, head)
+    if args.smoke:
+        cpu_cases(bench, 2, 22050, 1)
+    elif on_cpu:
+        cpu_cases(bench, 8, 220500, args.repeats)
+    else:
+        gpu_cases(bench, 64, 220500, args.repeats)
+    print(bench.report())
+
+
+if __name__ == "__main__":
+    main()
