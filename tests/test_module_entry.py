@@ -23,6 +23,8 @@ EXPECTED_FUNCTIONS = [
     "irfft_resident",
     "stft_staged",
     "stft_resident",
+    "istft_staged",
+    "istft_resident",
     "rms_resident",
     "rms_adjoint_resident",
     "onset_strength_resident",

@@ -45,3 +45,6 @@ def conv_adjoint_kernel_texts(
 def lfilter_kernel_texts(
     p: int, m1: int, prec: int = 1, threads: int = 256, seq: int = 16
 ) -> list[tuple[str, str]]: ...
+def istft_kernel_texts(
+    n_fft: int, hop: int, center: bool, window: str | list[float], prec: int, frames: int, shared_limit: int = 65536
+) -> list[tuple[str, str]]: ...

@@ -62,6 +62,35 @@ def set_shape_hint(
 def shape_epoch() -> int: ...
 def shape_hint_clear() -> None: ...
 def route_explain(op: str, n_fft: int, prec: int, device: int = 0) -> dict[str, object]: ...
+def istft_staged(
+    Z: object, window: object, n_fft: int, hop: int, center: bool, length: int = -1
+) -> numpy.ndarray:
+    """Inverse STFT of a (batch, frames, n_fft // 2 + 1) complex array to (batch, samples):
+    every frame's irfft (imaginary parts of bins 0 and n_fft / 2 ignored), windowed,
+    overlap-added at t * hop and divided by the summed squared window where it exceeds 1e-8
+    (else 0); with `center` the first n_fft // 2 samples are cut; `length` samples, or all the
+    frames cover less the padding, never more than they cover. float64 for complex128 input,
+    float32 otherwise. set_deterministic(1) makes repeated calls bit-identical."""
+def istft_resident(
+    z_ptr: int,
+    y_ptr: int,
+    batch: int,
+    bins: int,
+    frames: int,
+    stride_batch: int,
+    stride_bin: int,
+    stride_frame: int,
+    n_fft: int,
+    hop: int,
+    center: bool,
+    length: int,
+    window: object,
+    prec: int,
+    device: int = 0,
+    stream: int = 0,
+) -> None:
+    """istft_staged between device addresses on `stream`; strides in complex elements (batch,
+    bin, frame). prec 2 double, 1 float, 0 and 3 half data with float arithmetic."""
 def rms_resident(
     x: int,
     out: int,

@@ -34,20 +34,8 @@ struct Loads {
   std::string cast;  // "(T)" when the signal is stored in another precision
   bool wide;         // 8-byte loads where the frame lies inside the signal
 
-  // The window value at the text index j.
   std::string window(const std::string& j) const {
-    if (plan.window_kind == kWindowTable) return "win[" + j + "]";
-    if (plan.window_kind == kWindowNone) return "(" + t + ")1";
-    const bool dbl = plan.prec == 2;
-    const std::string d = dbl ? "double" : "float", s = dbl ? "" : "f";
-    const auto cosine = [&](double turns) {
-      return backend.cos_call(plan.prec, "(" + d + ")(" + literal(turns * std::numbers::pi / plan.n) + ")*(" + d +
-                                             ")(" + j + ")");
-    };
-    const std::string c = cosine(2.0);
-    if (plan.window_kind == kWindowHann) return "(" + t + ")(0.5" + s + " - 0.5" + s + "*" + c + ")";
-    if (plan.window_kind == kWindowHamming) return "(" + t + ")(0.54" + s + " - 0.46" + s + "*" + c + ")";
-    return "(" + t + ")(0.42" + s + " - 0.5" + s + "*" + c + " + 0.08" + s + "*" + cosine(4.0) + ")";
+    return window_value(backend, plan.prec, plan.n, plan.window_kind, j);
   }
 
   // `target` = the windowed sample at the text position `at` of `frame`.
@@ -338,6 +326,21 @@ std::string store_text(const Backend& backend, int mode, int out_prec, const std
   else value = dbl ? "((double)10*log10(re*re + im*im + (double)EPS))"
                    : "((float)10*" + backend.log10_call("(float)(re*re + im*im) + (float)EPS") + ")";
   return "{ " + t + " re=" + re + ", im=" + im + "; " + target + " = " + backend.convert(out_prec, value) + "; }";
+}
+
+std::string window_value(const Backend& backend, int prec, int32_t n, int window_kind, const std::string& j) {
+  const std::string t = backend.real_type(prec);
+  if (window_kind == kWindowTable) return "win[" + j + "]";
+  if (window_kind == kWindowNone) return "(" + t + ")1";
+  const bool dbl = prec == 2;
+  const std::string d = dbl ? "double" : "float", s = dbl ? "" : "f";
+  const auto cosine = [&](double turns) {
+    return backend.cos_call(prec, "(" + d + ")(" + literal(turns * std::numbers::pi / n) + ")*(" + d + ")(" + j + ")");
+  };
+  const std::string c = cosine(2.0);
+  if (window_kind == kWindowHann) return "(" + t + ")(0.5" + s + " - 0.5" + s + "*" + c + ")";
+  if (window_kind == kWindowHamming) return "(" + t + ")(0.54" + s + " - 0.46" + s + "*" + c + ")";
+  return "(" + t + ")(0.42" + s + " - 0.5" + s + "*" + c + " + 0.08" + s + "*" + cosine(4.0) + ")";
 }
 
 std::string eps_define(double eps) {

@@ -77,6 +77,10 @@ std::string stft_text(const StftPlan& plan, const Backend& backend, const Featur
 std::string store_text(const Backend& backend, int mode, int out_prec, const std::string& t, const std::string& target,
                        const std::string& re, const std::string& im);
 
+// The window's value at the text index j of a frame of n samples: a read of
+// the table `win`, or for the computed kinds the periodic window itself.
+std::string window_value(const Backend& backend, int prec, int32_t n, int window_kind, const std::string& j);
+
 // "#define EPS" with the value as the kernels print it: six significant digits.
 std::string eps_define(double eps);
 

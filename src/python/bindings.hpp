@@ -23,6 +23,8 @@ FftOptions resident_options(bool inverse, int32_t prec, int32_t dev, uintptr_t s
 
 // stft_staged, stft_resident.
 void register_stft(pybind11::module_& m);
+// istft_staged, istft_resident.
+void register_istft(pybind11::module_& m);
 
 // set_shape_hint, shape_epoch, shape_hint_clear, route_explain.
 void register_hints(pybind11::module_& m);

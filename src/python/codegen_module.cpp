@@ -19,6 +19,7 @@
 #include "cuda_like/ops/four_step_real.hpp"
 #include "cuda_like/ops/lfilter.hpp"
 #include "cuda_like/ops/rfft.hpp"
+#include "cuda_like/ops/istft.hpp"
 #include "cuda_like/ops/stft.hpp"
 #include "cuda_like/tune/tuned_table.hpp"
 
@@ -36,6 +37,12 @@ ondrel::RouteQuery route_query(int32_t n, int32_t prec, bool inverse, uint64_t s
   q.tune = tune;
   q.shared_limit = shared_limit;
   return q;
+}
+
+// A window argument: a name or a list of samples.
+ondrel::WindowSpec window_of(const py::object& window) {
+  if (py::isinstance<py::str>(window)) return ondrel::named_window(window.cast<std::string>());
+  return ondrel::array_window(window.cast<std::vector<double>>());
 }
 
 py::list texts(const std::vector<ondrel::KernelPlan>& plans) {
@@ -145,9 +152,7 @@ PYBIND11_MODULE(_codegen, m) {
       "stft_kernel_texts",
       [](int32_t n_fft, int32_t hop, bool center, const std::string& output, double eps, const py::object& window,
          int32_t prec, int64_t length, uint64_t shared_limit) {
-        const ondrel::WindowSpec spec = py::isinstance<py::str>(window)
-                                            ? ondrel::named_window(window.cast<std::string>())
-                                            : ondrel::array_window(window.cast<std::vector<double>>());
+        const ondrel::WindowSpec spec = window_of(window);
         ondrel::StftRequest r;
         r.batch = 1;
         r.length = length;
@@ -206,4 +211,25 @@ PYBIND11_MODULE(_codegen, m) {
       py::arg("p"), py::arg("m1"), py::arg("prec") = 1, py::arg("threads") = 256, py::arg("seq") = 16,
       "[(kernel key, text)] of the pack kernel and the filter kernel of a filter with p feedback and m1 "
       "feedforward coefficients.");
+  m.def(
+      "istft_kernel_texts",
+      [](int32_t n_fft, int32_t hop, bool center, const py::object& window, int32_t prec, int64_t frames,
+         uint64_t shared_limit) {
+        const ondrel::WindowSpec spec = window_of(window);
+        ondrel::IstftRequest r;
+        r.batch = 1;
+        r.bins = n_fft / 2 + 1;
+        r.frames = frames;
+        r.n_fft = n_fft;
+        r.hop = hop;
+        r.center = center;
+        r.window = &spec;
+        r.prec = ondrel::precision_code(prec);
+        return texts(ondrel::istft_kernels(r, shared_limit));
+      },
+      py::arg("n_fft"), py::arg("hop"), py::arg("center"), py::arg("window"), py::arg("prec"), py::arg("frames"),
+      py::arg("shared_limit") = 65536,
+      "[(kernel key, text)] of the inverse STFT's own kernels on device 0 under the present deterministic switch: "
+      "istft_frames and istft_normalize, or the staged pack (gather), window scale and normalisation, whose "
+      "inverse FFT the FFT listings give.");
 }
