@@ -25,6 +25,8 @@ EXPECTED_FUNCTIONS = [
     "stft_resident",
     "istft_staged",
     "istft_resident",
+    "mel_staged",
+    "mel_resident",
     "rms_resident",
     "rms_adjoint_resident",
     "onset_strength_resident",

@@ -38,6 +38,19 @@ def stft_kernel_texts(
     length: int,
     shared_limit: int = 65536,
 ) -> list[tuple[str, str]]: ...
+def mel_kernel_texts(
+    n_fft: int,
+    hop: int,
+    center: bool,
+    n_mels: int,
+    power: float,
+    output: str,
+    eps: float,
+    window: str | list[float],
+    prec: int,
+    length: int,
+    shared_limit: int = 65536,
+) -> list[tuple[str, str]]: ...
 def conv_kernel_texts(form: str, nf: int, prec: int = 1, shared_limit: int = 65536) -> list[tuple[str, str]]: ...
 def conv_adjoint_kernel_texts(
     nf: int, cplx: bool = False, sum_rows: bool = False, prec: int = 1, shared_limit: int = 65536

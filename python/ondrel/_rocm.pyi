@@ -91,6 +91,45 @@ def istft_resident(
 ) -> None:
     """istft_staged between device addresses on `stream`; strides in complex elements (batch,
     bin, frame). prec 2 double, 1 float, 0 and 3 half data with float arithmetic."""
+def mel_staged(
+    y: object,
+    window: object,
+    fb: object,
+    n_fft: int,
+    hop: int,
+    center: bool,
+    power: float,
+    output: str,
+    eps: float = 1e-10,
+) -> numpy.ndarray:
+    """Mel spectrogram of a (batch, samples) array: the STFT of stft_staged (same framing,
+    window and padding), then per bin |X| where int(power) is 1 or |X|^2 for any power of
+    2 or more (below 1 is refused), then the band sums fb @ that with the (n_mels,
+    n_fft // 2 + 1) filterbank fb, stored as they are ('power' and other words), as their
+    square root ('magnitude') or as 10 log10(sum + eps) ('db'). Returns (batch, n_mels,
+    frames) as a transposed view of [batch][frame][band]; float64 for float64 input,
+    float32 otherwise. The filterbank is identified by every one of its bytes."""
+def mel_resident(
+    x_ptr: int,
+    mel_ptr: int,
+    batch: int,
+    length: int,
+    fb: object,
+    n_fft: int,
+    hop: int,
+    center: bool,
+    power: float,
+    output: str,
+    eps: float,
+    window: object,
+    prec: int,
+    device: int = 0,
+    stream: int = 0,
+) -> None:
+    """mel_staged between device addresses on `stream`, to [batch][frame][band] reals.
+    `fb` stays a host array; its device table is built on first use and kept for the
+    process. prec 2 double, 1 float, 0 half signal, weights and output with float
+    arithmetic, 3 like 0 with half arithmetic where n_fft is a power of two."""
 def rms_resident(
     x: int,
     out: int,

@@ -45,6 +45,11 @@ struct StftPlan {
   int window_kind = kWindowTable;
   int shp_shift = 4;
   bool shp_on = false;
+  // The mel spectrogram's: bands of the filterbank, cepstral coefficients
+  // of a fused DCT (0: none), and 1 for magnitudes, else squared magnitudes.
+  int32_t n_mels = 0;
+  int32_t ncep = 0;
+  int32_t power = 2;
 
   int32_t m() const { return n / 2; }
   int32_t bins() const { return n / 2 + 1; }

@@ -25,6 +25,7 @@ FftOptions resident_options(bool inverse, int32_t prec, int32_t dev, uintptr_t s
 void register_stft(pybind11::module_& m);
 // istft_staged, istft_resident.
 void register_istft(pybind11::module_& m);
+void register_mel(pybind11::module_& m);
 
 // set_shape_hint, shape_epoch, shape_hint_clear, route_explain.
 void register_hints(pybind11::module_& m);
