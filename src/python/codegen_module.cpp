@@ -14,6 +14,7 @@
 #include "cuda_like/ops/conv.hpp"
 #include "cuda_like/ops/conv_adjoint.hpp"
 #include "cuda_like/ops/conv_direct.hpp"
+#include "cuda_like/ops/decibels.hpp"
 #include "cuda_like/ops/fft.hpp"
 #include "cuda_like/ops/four_step.hpp"
 #include "cuda_like/ops/four_step_real.hpp"
@@ -21,6 +22,7 @@
 #include "cuda_like/ops/rfft.hpp"
 #include "cuda_like/ops/istft.hpp"
 #include "cuda_like/ops/mel.hpp"
+#include "cuda_like/ops/reconstruct.hpp"
 #include "cuda_like/ops/stft.hpp"
 #include "cuda_like/tune/tuned_table.hpp"
 
@@ -195,6 +197,15 @@ PYBIND11_MODULE(_codegen, m) {
       py::arg("eps"), py::arg("window"), py::arg("prec"), py::arg("length"), py::arg("shared_limit") = 65536,
       "[(kernel key, text)] of the mel spectrogram's own kernels for this request on device 0: ondrel_mel, or the "
       "frame, split (or output) and band-sum kernels of the staged path, whose FFT the FFT listings give.");
+  m.def(
+      "db_kernel_texts", [](int32_t prec) { return texts(ondrel::db_kernels(prec)); }, py::arg("prec") = 1,
+      "[(kernel key, text)] of ondrel_db, ondrel_db_inv and ondrel_db_adj for precision code prec (2 double, "
+      "anything else float).");
+  m.def(
+      "griffinlim_kernel_texts", [](int32_t prec) { return texts(ondrel::griffinlim_kernels(prec == 2)); },
+      py::arg("prec") = 1,
+      "[(kernel key, text)] of Griffin-Lim's own kernels, ondrel_gl_mul and ondrel_gl_step (the transforms list "
+      "theirs).");
   m.def(
       "feature_kernel_texts",
       [](int32_t prec) { return texts(ondrel::feature_kernels(ondrel::precision_code(prec))); },
