@@ -299,6 +299,10 @@ attempt(s, m, np.ones(8), "e", False)
 attempt(s, m, np.ones((5, 8, 1)), "e", False)
 attempt(_rocm.inverse_mel_scale_adjoint_resident, 0, 0, 0, 4, p, "e", False, 0)
 attempt(_rocm.inverse_mel_scale_resident, 0, 0, -1, p, "e", False, 1)
+a = _rocm.cepstra_adjoint_resident
+attempt(a, 0, 0, 0, 2, 1000, fb, 64, 16, True, 4, 0.0, -1.0, 1e-10, "hann", 0)
+attempt(a, 0, 0, 0, 2, 1000, fb, 64, 16, True, 9, 0.0, -1.0, 1e-10, "hann", 1)
+attempt(a, 0, 0, 0, 65536, 1000, fb, 64, 16, True, 4, 0.0, -1.0, 1e-10, "hann", 1)
 """
 
 
@@ -320,6 +324,9 @@ def test_errors_come_before_any_device_work(run_python):
         "ValueError inverse_mel_scale: P must be a 2-D (n_out, n_in) array",
         "ValueError adjoint: half gradients compute in f32; upcast the tensors",
         "ValueError inverse_mel_scale: frames must not be negative",
+        "ValueError adjoint: half gradients compute in f32; upcast the tensors",
+        "ValueError cepstra: n_out must be between 1 and the filterbank's 8 rows",
+        "RuntimeError mel_adjoint: batch exceeds grid.y limit",
     ]
 
 
@@ -345,3 +352,102 @@ def test_bench_smoke(tmp_path):
     assert done.returncode == 0, done.stderr
     cases = json.loads((tmp_path / "bench.json").read_text())["cases"]
     assert len(cases) == 2 and all(c["err"] < 1e-4 and c["ms"] > 0 for c in cases), cases
+
+
+# The adjoint.
+
+
+def dct_matrix(n_in: int, n_out: int, lifter: float) -> np.ndarray:
+    """D with D @ v the liftered coefficients of the bands v, from scipy."""
+    return scipy.fft.dct(np.eye(n_in), type=2, norm="ortho", axis=0)[:n_out] * lifter_of(n_out, lifter)[:, None]
+
+
+ADJ = {"n": 64, "hop": 32, "n_in": 20, "n_out": 12, "lifter": 22.0}
+
+
+def cepstra_gradient(y, gc, fb, top_db, center=True):
+    batch, length = y.shape
+    dx, dg = DeviceArray(y), DeviceArray(np.ascontiguousarray(gc))
+    return guarded_call(lambda gp, out: _rocm.cepstra_adjoint_resident(
+        dg.ptr, dx.ptr, out, batch, length, fb, ADJ["n"], ADJ["hop"], center, ADJ["n_out"], ADJ["lifter"], top_db,
+        1e-10, "hann", 2), y, y.shape, np.float64, "cepstra adjoint")
+
+
+def mel_gradient(y, gm, fb, center):
+    """mel_adjoint_resident of decibels, power 2, for gm (batch, frames, bands)."""
+    batch, length = y.shape
+    frames, n_in = gm.shape[1:]
+    dx, dg = DeviceArray(y), DeviceArray(np.ascontiguousarray(gm))
+    return guarded_call(lambda gp, out: _rocm.mel_adjoint_resident(
+        dg.ptr, dx.ptr, out, batch, n_in, frames, frames * n_in, 1, n_in, fb, ADJ["n"], ADJ["hop"], center, length,
+        2.0, "db", 1e-10, "hann", 2), y, y.shape, np.float64, "mel adjoint")
+
+
+@pytest.mark.parametrize("top_db", [-1.0, 25.0])
+def test_cepstra_adjoint_by_central_differences(top_db):
+    """<cepstra(y), gc> differentiated in double, on a signal whose bands
+    keep clear of the floor and whose peak is unique."""
+    fb = triangles(ADJ["n_in"], ADJ["n"])
+    y = rng(20).standard_normal((2, 300))
+    v = mel_reference(y, fb, ADJ["n"], ADJ["hop"], True, "hann", 2.0, "db")
+    if top_db >= 0:
+        top = np.sort(v.reshape(2, -1), axis=1)
+        margin = np.abs(v - (top[:, -1] - top_db)[:, None, None]).min()
+        assert margin > 1e-3 and (top[:, -1] - top[:, -2]).min() > 1e-3, where("a band too near the floor or a tie")
+        assert (v < (top[:, -1] - top_db)[:, None, None]).any(), where("nothing floored")
+    gc = rng(21).standard_normal((2, ADJ["n_out"], v.shape[2]))
+    gx = cepstra_gradient(y, gc, fb, top_db)
+
+    def f(x):
+        return np.vdot(_rocm.cepstra_staged(x, "hann", fb, ADJ["n"], ADJ["hop"], True, ADJ["n_out"], ADJ["lifter"],
+                                            top_db), gc)
+
+    h = 1e-5
+    for b, i in [(0, 0), (0, 77), (1, 150), (1, 299), (0, 31)]:
+        e = np.zeros_like(y)
+        e[b, i] = h
+        fd = (f(y + e) - f(y - e)) / (2 * h)
+        assert abs(fd - gx[b, i]) <= 1e-6 * np.abs(gx).max(), where(f"sample {b}, {i}: {fd} against {gx[b, i]}")
+
+
+def test_the_clipped_gradient_goes_to_the_first_maximum():
+    """A signal of period 9 hops, uncentred, so that frames 0 and 9 are
+    equal and tie for the peak at band 15: flat positions 15 and 195, which a
+    tree keeping the lower thread on ties would order 195 first. The whole
+    clipped gradient must reach position 15."""
+    n, hop, n_in = ADJ["n"], ADJ["hop"], ADJ["n_in"]
+    fb = triangles(n_in, n)
+    base = rng(22).standard_normal(9 * hop) * 0.1
+    centre = np.argmax(fb[15])
+    base[:n] += np.sin(2 * np.pi * centre * np.arange(n) / n)
+    y = np.tile(base, 2)[None, : 17 * hop + n]
+    v = np.transpose(mel_reference(y, fb, n, hop, False, "hann", 2.0, "db"), (0, 2, 1))[0]  # (frames, bands)
+    flat = v.ravel()
+    assert flat[15] == flat[195] == flat.max() and np.argmax(flat) == 15
+    top_db = 30.0
+    floor = flat.max() - top_db
+    assert np.abs(flat - floor).min() > 1e-3 and (flat < floor).any()
+    gc = rng(23).standard_normal((1, ADJ["n_out"], v.shape[0]))
+    d = dct_matrix(n_in, ADJ["n_out"], ADJ["lifter"])
+    per_band = (gc[0].T @ d)  # (frames, bands): the gradient on every band before the floor
+    kept = np.where(v >= floor, per_band, 0.0)
+    clipped = per_band[v < floor].sum()
+
+    def to_signal(position):
+        gm = kept.copy().ravel()
+        gm[position] += clipped
+        return mel_gradient(y, gm.reshape(1, *v.shape), fb, False)
+
+    gx = cepstra_gradient(y, gc, fb, top_db, center=False)
+    first, other = to_signal(15), to_signal(195)
+    assert np.linalg.norm(gx - first) <= 1e-9 * np.linalg.norm(first)
+    assert np.linalg.norm(gx - other) > 1e-3 * np.linalg.norm(first)
+
+
+@pytest.mark.skipif(not nvrtc_check.available(), reason="NVRTC or the CUDA headers are missing")
+@pytest.mark.parametrize("prec", [1, 2])
+def test_adjoint_texts_compile_for_sm90(prec):
+    for top_db in (-1.0, 30.0):
+        for key, text in _codegen.cepstra_adjoint_kernel_texts(ADJ["n_in"], ADJ["n_out"], top_db, prec):
+            errors = nvrtc_check.compile_errors(text, key + ".cu")
+            assert errors is None, f"{key}:\n{errors}"

@@ -67,6 +67,7 @@ def cepstra_kernel_texts(
     multiprocessors: int = 0,
     shared_limit: int = 65536,
 ) -> list[tuple[str, str]]: ...
+def cepstra_adjoint_kernel_texts(n_in: int, n_out: int, top_db: float, prec: int = 1) -> list[tuple[str, str]]: ...
 def inverse_mel_kernel_texts(
     n_in: int, n_out: int, prec: int = 1, clamp: bool = False, adjoint: bool = False
 ) -> list[tuple[str, str]]: ...
@@ -81,4 +82,38 @@ def lfilter_kernel_texts(
 ) -> list[tuple[str, str]]: ...
 def istft_kernel_texts(
     n_fft: int, hop: int, center: bool, window: str | list[float], prec: int, frames: int, shared_limit: int = 65536
+) -> list[tuple[str, str]]: ...
+def stft_adjoint_kernel_texts(
+    n_fft: int,
+    hop: int,
+    center: bool,
+    output: str,
+    eps: float,
+    window: str | list[float],
+    prec: int,
+    length: int,
+    shared_limit: int = 65536,
+) -> list[tuple[str, str]]: ...
+def istft_adjoint_kernel_texts(
+    n_fft: int,
+    hop: int,
+    center: bool,
+    window: str | list[float],
+    prec: int,
+    length: int,
+    frames: int,
+    shared_limit: int = 65536,
+) -> list[tuple[str, str]]: ...
+def mel_adjoint_kernel_texts(
+    fb: object,
+    n_fft: int,
+    hop: int,
+    center: bool,
+    power: float,
+    output: str,
+    eps: float,
+    window: str | list[float],
+    prec: int,
+    length: int,
+    shared_limit: int = 65536,
 ) -> list[tuple[str, str]]: ...

@@ -5,8 +5,8 @@
 #include <string>
 
 #include "cuda_like/ops/cepstra.hpp"
+#include "cuda_like/ops/cepstra_adjoint.hpp"
 #include "cuda_like/ops/inverse_mel.hpp"
-#include "python/bank_arg.hpp"
 #include "python/bindings.hpp"
 #include "python/frame.hpp"
 
@@ -181,6 +181,31 @@ void register_cepstra(py::module_& m) {
       "[batch][frame][coefficient] reals. Without a floor, jobs of few frames run in one kernel (the mel kernel "
       "with the DCT behind its bands); the rest write the bands to a pool block first. double for prec 2, float "
       "otherwise (there is no half form).");
+  m.def(
+      "cepstra_adjoint_resident",
+      [](uintptr_t gc, uintptr_t x, uintptr_t gx, int64_t batch, int64_t length, const py::object& fb, int32_t n_fft,
+         int32_t hop, bool center, int32_t n_out, double lifter, double top_db, double eps, const py::object& window,
+         int32_t prec, int32_t device, uintptr_t stream) {
+        if (prec == 0) throw std::invalid_argument("adjoint: half gradients compute in f32; upcast the tensors");
+        const WindowSpec spec = window_spec(window);
+        const BankArg bank = bank_arg(fb);
+        CepstraRequest r = request(bank, spec, n_fft, hop, center, n_out, lifter, top_db, eps);
+        r.stft.y = device_address(x);
+        r.stft.batch = batch;
+        r.stft.length = length;
+        r.stft.prec = full_width(prec == 2);
+        r.stft.device = device;
+        r.stft.stream = stream_handle(stream);
+        cepstra_adjoint(r, device_address(gc), device_address(gx));
+      },
+      py::arg("gc_ptr"), py::arg("x_ptr"), py::arg("gx_ptr"), py::arg("batch"), py::arg("length"), py::arg("fb"),
+      py::arg("n_fft"), py::arg("hop"), py::arg("center"), py::arg("n_out"), py::arg("lifter"), py::arg("top_db"),
+      py::arg("eps"), py::arg("window"), py::arg("prec"), py::arg("device") = 0, py::arg("stream") = 0,
+      "Gradient of cepstra_resident with respect to its signal x (batch x length, read to recompute the bands): "
+      "gc, the gradient of the coefficients as a dense (batch, n_out, frames) array (coefficient outside frame), "
+      "to gx, batch x length, every element written. With a floor, floored bands pass no gradient of their own: "
+      "all of it goes to the first band (in frame-major order) at the signal's peak, and a band exactly on the "
+      "floor counts as not floored. prec 2 double, 0 refused, anything else float.");
 }
 
 }  // namespace ondrel::python
