@@ -168,7 +168,9 @@ hipFunction_t compile_function(int device, const std::string& source, const std:
 
 hipFunction_t kernel_function(const std::string& key, int device, const std::function<std::string()>& generator,
                               const std::string& name) {
-  const std::string lookup_key = key + "#" + name + "#d" + std::to_string(device);
+  // Formed in a buffer each thread keeps: a hit allocates nothing.
+  thread_local std::string lookup_key;
+  lookup_key.assign(key).append("#").append(name).append("#d").append(std::to_string(device));
   return lookup_cache().get(lookup_key, [&] { return compile_function(device, generator(), name); });
 }
 

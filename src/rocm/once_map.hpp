@@ -36,6 +36,7 @@ class OnceMap {
       maker = inserted;
     }
     if (!maker) return slot->wait();
+    const Key mine = key;  // `key` may be a buffer that `make` reuses
     try {
       const Value value = make();
       slot->finish(value, nullptr);
@@ -43,7 +44,7 @@ class OnceMap {
     } catch (...) {
       {
         std::unique_lock write(lock_);
-        slots_.erase(key);
+        slots_.erase(mine);
       }
       slot->finish(Value{}, std::current_exception());
       throw;
