@@ -27,16 +27,15 @@ def explain(*args, **kwargs):
     return _rocm.route_explain(*args, **kwargs)
 
 
-def test_istft_schedule_and_bluestein_flag_for_every_length():
-    for n in range(1, 2500):
+def test_istft_answers_name_the_route_a_call_takes():
+    for n in range(2, 2500):
         e = explain("istft", n, 1)
         frame_len = n // 2 if n % 2 == 0 else n
-        assert e["frame_len"] == frame_len, n
-        assert math.prod(e["schedule"]) == frame_len, n
-        pow2 = frame_len & (frame_len - 1) == 0
-        wanted = not pow2 and largest_prime_factor(frame_len) > 6 * math.log2(2 * frame_len)
-        assert e["bluestein"] == wanted, n
-        assert (e["bluestein_m"] >= 2 * frame_len - 1) if wanted else e["bluestein_m"] == 0, n
+        assert e["frame_len"] == frame_len and math.prod(e["schedule"]) == frame_len, n
+        keys = [k for k, _ in _codegen.istft_kernel_texts(n, max(1, n // 4), True, "boxcar", 1, 4)]
+        assert e["staged"] == keys[0].startswith("ciz"), n
+        library = listed_route("rfft" if n % 2 else "fft", n if n % 2 else frame_len, 1)
+        assert e["bluestein"] == (e["staged"] and library == "bluestein"), n
 
 
 def listed_route(op: str, n: int, prec: int) -> str:

@@ -11,10 +11,10 @@ from pathlib import Path
 
 import numpy as np
 import pytest
-import scipy.signal
 
 import nvrtc_check
 from device_memory import guarded_call
+from spectral_ref import reference
 import ondrel
 from ondrel import _codegen, _rocm
 
@@ -28,36 +28,17 @@ def signal(batch: int, length: int, *key: int) -> np.ndarray:
     return np.random.default_rng([SEED, batch, length, *key]).standard_normal((batch, length))
 
 
-def window_of(window, n: int) -> np.ndarray:
-    if isinstance(window, str):
-        return scipy.signal.get_window("boxcar" if window == "rect" else window, n)
-    return np.asarray(window, np.float64)
-
-
-def reference(y, n, hop, center, window, output, eps=1e-10) -> np.ndarray:
-    """(batch, bins, frames) in float64 from the definition."""
-    y = np.asarray(y, np.float64)
-    if center:
-        y = np.pad(y, ((0, 0), (n // 2, n // 2)), mode="reflect")
-    frames = (y.shape[1] - n) // hop + 1
-    w = window_of(window, n)
-    x = np.fft.rfft(np.stack([y[:, t * hop:t * hop + n] * w for t in range(frames)], axis=1), axis=-1)
-    power = np.abs(x) ** 2
-    form = {"magnitude": np.abs(x), "power": power, "db": 10 * np.log10(power + eps)}.get(output, x)
-    return np.transpose(form, (0, 2, 1))
-
-
 def check(got, ref, prec: int, output: str, what: str) -> None:
     where = f"{what}, seed {SEED} (ONDREL_TEST_SEED replays it)"
     assert got.shape == ref.shape, where
     assert np.isfinite(got).all(), f"non-finite or unwritten output: {where}"
     if output == "db":
-        # Absolute decibels where the power is above 1e-6 of its frame's peak;
-        # a single-precision FFT of 8192 points and more keeps that only down
-        # to 1e-5, where its rounding reaches a quiet bin's size.
+        # Absolute decibels where the power is above `quiet` of its frame's
+        # peak: in single precision the FFT's rounding reaches the size of a
+        # bin 60 dB down, so there only bins 50 dB down are held to 1e-3 dB.
+        quiet = 1e-5 if prec == 1 else 1e-6
         power = 10 ** (ref / 10)
-        floor = 1e-5 if prec != 2 and ref.shape[1] > 4097 else 1e-6
-        loud = power > floor * power.max(axis=1, keepdims=True)
+        loud = power > quiet * power.max(axis=1, keepdims=True)
         err = np.abs(got - ref)[loud].max()
         assert err <= {0: 0.05, 1: 1e-3, 2: 1e-9, 3: 0.3}[prec], f"{err:.3g} dB: {where}"
         return
@@ -86,10 +67,6 @@ def resident(y, n, hop, prec, output="complex", center=True, window="hann"):
     return np.transpose(out[..., 0] + 1j * out[..., 1] if pairs else out, (0, 2, 1))
 
 
-def core_of(n: int, prec: int) -> str:
-    return _rocm.route_explain("stft", n, prec)["core"]
-
-
 # Every core by frame length: the warp, CT and EPT16 cores of powers of two,
 # the staged four-step route beyond shared memory, the mixed core of even and
 # odd lengths (two frames a block), and frame lengths whose FFT goes through
@@ -105,7 +82,7 @@ def test_every_core_matches_numpy(prec):
         y = signal(2, 3 * n + 5, n)
         got = staged(y, n, max(1, n // 4), output=output, prec=prec)
         check(got, reference(y, n, max(1, n // 4), True, "hann", output), prec, output, f"n {n}, prec {prec}")
-        cores.add(core_of(n, prec))
+        cores.add(_rocm.route_explain("stft", n, prec)["core"])
     assert cores >= {"cooley_tukey", "mixed", "four_step"} | ({"warp", "ept16"} if prec == 1 else set())
 
 
@@ -158,8 +135,7 @@ def test_half_data(n, prec, output):
 @pytest.mark.parametrize("n, prec", [(512, 1), (1000, 2), (9, 1), (16384, 1)])
 def test_resident_fills_exactly_its_output(n, prec):
     y = signal(3, 5 * n + 1, n, 13)
-    check(resident(y, n, n // 4 or 1, prec, "db"), reference(y, n, n // 4 or 1, True, "hann", "db"), prec, "db",
-          f"n {n}")
+    check(resident(y, n, n // 4 or 1, prec, "db"), reference(y, n, n // 4 or 1, True, "hann", "db"), prec, "db", f"n {n}")
 
 
 def test_batches_of_many_blocks():

@@ -104,8 +104,8 @@ def test_eight_threads_asking_for_one_cold_kernel_compile_it_once(tmp_path):
 
 # Mixed calls over the state that threads share: the kernel and table
 # caches (double twiddles, Bluestein chirps, windows), the tuned table (a
-# hint moves the epoch under the others' feet), the pools and each thread's
-# launch records.
+# hint moves the epoch under the others' feet), the filterbank tables, the
+# pools and each thread's launch records.
 MIXED = """
 rng = np.random.default_rng(9)
 sig = rng.standard_normal((3, 400))
@@ -113,6 +113,9 @@ c64 = (rng.standard_normal((6, 64)) + 1j * rng.standard_normal((6, 64))).astype(
 c128 = rng.standard_normal((4, 60)) + 1j * rng.standard_normal((4, 60))
 c97 = (rng.standard_normal((3, 97)) + 1j * rng.standard_normal((3, 97))).astype(np.complex64)
 real = rng.standard_normal((5, 128)).astype(np.float32)
+bank = rng.random((8, 33))
+spec = (rng.standard_normal((3, 20, 33)) + 1j * rng.standard_normal((3, 20, 33))).astype(np.complex64)
+r.set_deterministic(1)  # overlap-add in a fixed order, so that repeats agree bit for bit
 CALLS = [
     lambda: r.fft_staged(c64, False),
     lambda: r.fft_staged(c128, True),
@@ -123,6 +126,8 @@ CALLS = [
     lambda: r.stft_staged(sig, np.hanning(64), 64, 16, False, "complex"),
     lambda: r.conv_fft_staged(sig, sig[:1, :31], 512, 0, 430),
     lambda: r.rms_staged(sig.astype(np.float32), 32, 8, True),
+    lambda: r.mel_staged(sig.astype(np.float32), "hann", bank, 64, 16, True, 2.0, "power"),
+    lambda: r.istft_staged(spec, "hann", 64, 16, True),
     lambda: r.set_shape_hint("stft", 1536, 384, True, 32, "power", 0, 0, 0, 0, 0, 0),
 ]
 

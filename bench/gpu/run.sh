@@ -10,6 +10,12 @@
 #   all    both, the benchmark with every preset
 #   stft   bench/gpu/stft_bench.py: the STFT beside torch.stft; `all` runs
 #          it too
+#   istft  bench/gpu/istft_bench.py: the inverse STFT beside torch.istft,
+#          default and deterministic; `all` runs it too
+#   mel    bench/gpu/mel_bench.py: the mel spectrogram beside torchaudio's
+#          MelSpectrogram (needs torchaudio in the image); `all` runs it too
+#   griffinlim  bench/gpu/griffinlim_bench.py: Griffin-Lim beside
+#          torchaudio's; `all` runs it too
 #   filters  bench/gpu/filter_bench.py: the recursive filter beside
 #          torchaudio and scipy, the FFT convolution beside torch (needs
 #          torchaudio in the image); arguments follow. `all` runs it too.
@@ -26,8 +32,8 @@ mkdir -p "$out"
 what=${1:-all}
 shift || true
 case $what in
-  tests | fft | stft | filters | all) ;;
-  *) echo "usage: $0 [tests | fft | stft | filters | all] [benchmark arguments]" >&2; exit 2 ;;
+  tests | fft | stft | istft | mel | griffinlim | filters | all) ;;
+  *) echo "usage: $0 [tests | fft | stft | istft | mel | griffinlim | filters | all] [benchmark arguments]" >&2; exit 2 ;;
 esac
 export PYTHONUNBUFFERED=1
 
@@ -60,10 +66,13 @@ fi
 if [ "$what" = fft ] || [ "$what" = all ]; then
   (cd /tmp && python3 "$root/bench/gpu/fft_bench.py" --out "$out" "$@") 2>&1 | tee "$out/bench.log" || status=1
 fi
-if [ "$what" = stft ] || [ "$what" = all ]; then
-  mkdir -p "$out/stft"
-  (cd /tmp && python3 "$root/bench/gpu/stft_bench.py" --out "$out/stft") 2>&1 | tee "$out/stft/bench.log" || status=1
-fi
+for spectral in stft istft mel griffinlim; do
+  if [ "$what" = $spectral ] || [ "$what" = all ]; then
+    mkdir -p "$out/$spectral"
+    (cd /tmp && python3 "$root/bench/gpu/${spectral}_bench.py" --out "$out/$spectral") 2>&1 |
+      tee "$out/$spectral/bench.log" || status=1
+  fi
+done
 if [ "$what" = filters ] || [ "$what" = all ]; then
   mkdir -p "$out/filters"
   args=()

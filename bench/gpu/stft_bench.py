@@ -22,8 +22,6 @@ Results go to bench.json and bench.md in --out, rewritten after every case.
 from __future__ import annotations
 
 import argparse
-import json
-import statistics
 import time
 from pathlib import Path
 
@@ -31,6 +29,7 @@ import numpy as np
 
 import ondrel
 from ondrel import _rocm
+from spectral_bench import GPU_BATCH, GPU_LENGTH, Bench, cuda_timer, hann, host_timer, rel_error
 
 SHAPES = [(2048, 512), (1024, 256), (512, 128)]
 OUTPUTS = ["complex", "magnitude"]
@@ -40,32 +39,8 @@ def numpy_stft(y: np.ndarray, n: int, hop: int, output: str) -> np.ndarray:
     """(batch, bins, frames) the way a numpy user writes it."""
     padded = np.pad(y, ((0, 0), (n // 2, n // 2)), mode="reflect")
     frames = np.lib.stride_tricks.sliding_window_view(padded, n, axis=1)[:, ::hop]
-    window = (0.5 - 0.5 * np.cos(2 * np.pi * np.arange(n) / n)).astype(y.dtype)
-    x = np.fft.rfft(frames * window, axis=-1).transpose(0, 2, 1)
+    x = np.fft.rfft(frames * hann(n, y.dtype), axis=-1).transpose(0, 2, 1)
     return np.abs(x) if output == "magnitude" else x
-
-
-def rel_error(got: np.ndarray, ref: np.ndarray) -> float:
-    return float(np.linalg.norm(got - ref) / np.linalg.norm(ref))
-
-
-class Bench:
-    def __init__(self, out: Path, head: str):
-        self.out, self.head, self.rows = out, head, []
-        out.mkdir(parents=True, exist_ok=True)
-
-    def add(self, row: dict) -> None:
-        self.rows.append(row)
-        print(json.dumps(row), flush=True)
-        (self.out / "bench.json").write_text(json.dumps({"head": self.head, "cases": self.rows}, indent=1))
-        (self.out / "bench.md").write_text(self.report())
-
-    def report(self) -> str:
-        lines = [self.head, "", "| case | ondrel ms | reference | reference ms | speed-up | error |", "|---|---|---|---|---|---|"]
-        for r in self.rows:
-            lines.append(f"| {r['case']} | {r['ms']:.4g} | {r['ref']} | {r['ref_ms']:.4g} | "
-                         f"{r['ref_ms'] / r['ms']:.2f}x | {r['err']:.1e} |")
-        return "\n".join(lines) + "\n"
 
 
 def gpu_cases(bench: Bench, batch: int, length: int, repeats: int) -> None:
@@ -73,20 +48,7 @@ def gpu_cases(bench: Bench, batch: int, length: int, repeats: int) -> None:
 
     stream = torch.cuda.Stream()
     gen = torch.Generator(device="cuda").manual_seed(1)
-
-    def timed(call) -> float:
-        with torch.cuda.stream(stream):
-            for _ in range(3):
-                call()
-            times = []
-            for _ in range(repeats):
-                start, stop = torch.cuda.Event(enable_timing=True), torch.cuda.Event(enable_timing=True)
-                start.record(stream)
-                call()
-                stop.record(stream)
-                stop.synchronize()
-                times.append(start.elapsed_time(stop))
-        return statistics.median(times)
+    timed = cuda_timer(stream, repeats)
 
     for dtype, prec in ((torch.float32, 1), (torch.float16, 0)):
         x = torch.randn(batch, length, device="cuda", generator=gen).to(dtype)
@@ -134,21 +96,15 @@ def gpu_cases(bench: Bench, batch: int, length: int, repeats: int) -> None:
 
 
 def cpu_cases(bench: Bench, batch: int, length: int, repeats: int) -> None:
+    timed = host_timer(repeats)
     y = np.random.default_rng(1).standard_normal((batch, length)).astype(np.float32)
     for n, hop in SHAPES:
         for output in OUTPUTS:
             got = _rocm.stft_staged(y, "hann", n, hop, True, output)
             ref = numpy_stft(y, n, hop, output)
-            ours, theirs = [], []
-            for _ in range(repeats):
-                start = time.perf_counter()
-                _rocm.stft_staged(y, "hann", n, hop, True, output)
-                ours.append((time.perf_counter() - start) * 1e3)
-                start = time.perf_counter()
-                numpy_stft(y, n, hop, output)
-                theirs.append((time.perf_counter() - start) * 1e3)
-            bench.add({"case": f"{output} float32 {n}/{hop}", "ms": statistics.median(ours), "ref": "numpy",
-                       "ref_ms": statistics.median(theirs), "err": rel_error(got, ref)})
+            bench.add({"case": f"{output} float32 {n}/{hop}",
+                       "ms": timed(lambda: _rocm.stft_staged(y, "hann", n, hop, True, output)), "ref": "numpy",
+                       "ref_ms": timed(lambda: numpy_stft(y, n, hop, output)), "err": rel_error(got, ref)})
 
 
 def main() -> None:
@@ -170,7 +126,7 @@ def main() -> None:
     elif on_cpu:
         cpu_cases(bench, 8, 220500, args.repeats)
     else:
-        gpu_cases(bench, 64, 220500, args.repeats)
+        gpu_cases(bench, GPU_BATCH, GPU_LENGTH, args.repeats)
     print(bench.report())
 
 

@@ -38,10 +38,28 @@ def stft_kernel_texts(
     length: int,
     shared_limit: int = 65536,
 ) -> list[tuple[str, str]]: ...
+def mel_kernel_texts(
+    n_fft: int,
+    hop: int,
+    center: bool,
+    n_mels: int,
+    power: float,
+    output: str,
+    eps: float,
+    window: str | list[float],
+    prec: int,
+    length: int,
+    shared_limit: int = 65536,
+) -> list[tuple[str, str]]: ...
+def db_kernel_texts(prec: int = 1) -> list[tuple[str, str]]: ...
+def griffinlim_kernel_texts(prec: int = 1) -> list[tuple[str, str]]: ...
 def conv_kernel_texts(form: str, nf: int, prec: int = 1, shared_limit: int = 65536) -> list[tuple[str, str]]: ...
 def conv_adjoint_kernel_texts(
     nf: int, cplx: bool = False, sum_rows: bool = False, prec: int = 1, shared_limit: int = 65536
 ) -> list[tuple[str, str]]: ...
 def lfilter_kernel_texts(
     p: int, m1: int, prec: int = 1, threads: int = 256, seq: int = 16
+) -> list[tuple[str, str]]: ...
+def istft_kernel_texts(
+    n_fft: int, hop: int, center: bool, window: str | list[float], prec: int, frames: int, shared_limit: int = 65536
 ) -> list[tuple[str, str]]: ...

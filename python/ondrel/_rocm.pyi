@@ -62,6 +62,150 @@ def set_shape_hint(
 def shape_epoch() -> int: ...
 def shape_hint_clear() -> None: ...
 def route_explain(op: str, n_fft: int, prec: int, device: int = 0) -> dict[str, object]: ...
+def istft_staged(
+    Z: object, window: object, n_fft: int, hop: int, center: bool, length: int = -1
+) -> numpy.ndarray:
+    """Inverse STFT of a (batch, frames, n_fft // 2 + 1) complex array to (batch, samples):
+    every frame's irfft (imaginary parts of bins 0 and n_fft / 2 ignored), windowed,
+    overlap-added at t * hop and divided by the summed squared window where it exceeds 1e-8
+    (else 0); with `center` the first n_fft // 2 samples are cut; `length` samples, or all the
+    frames cover less the padding, never more than they cover. float64 for complex128 input,
+    float32 otherwise. set_deterministic(1) makes repeated calls bit-identical."""
+def istft_resident(
+    z_ptr: int,
+    y_ptr: int,
+    batch: int,
+    bins: int,
+    frames: int,
+    stride_batch: int,
+    stride_bin: int,
+    stride_frame: int,
+    n_fft: int,
+    hop: int,
+    center: bool,
+    length: int,
+    window: object,
+    prec: int,
+    device: int = 0,
+    stream: int = 0,
+) -> None:
+    """istft_staged between device addresses on `stream`; strides in complex elements (batch,
+    bin, frame). prec 2 double, 1 float, 0 and 3 half data with float arithmetic."""
+def griffinlim_staged(
+    S: object,
+    ang: object,
+    window: object,
+    n_fft: int,
+    hop: int,
+    center: bool,
+    n_iter: int,
+    momentum: float,
+    length: int,
+) -> numpy.ndarray:
+    """Griffin-Lim phase recovery from magnitudes S (batch, frames, n_fft // 2 + 1) and
+    complex unit phases ang of the same shape: n_iter rounds of z = istft(S * ang),
+    Z = stft(z), ang = U / (|U| + 1e-16) with U = Z - alpha * (the last round's Z) and
+    alpha = momentum / (momentum + 1); then istft(S * ang) as (batch, length), or all the
+    samples the frames cover less the padding for length < 1. n_iter <= 0 inverts the
+    starting phases. float64 for float64 magnitudes, float32 otherwise."""
+def griffinlim_resident(
+    s_ptr: int,
+    ang_ptr: int,
+    y_ptr: int,
+    batch: int,
+    frames: int,
+    bins: int,
+    n_fft: int,
+    hop: int,
+    center: bool,
+    n_iter: int,
+    momentum: float,
+    length: int,
+    window: object,
+    prec: int,
+    device: int = 0,
+    stream: int = 0,
+) -> None:
+    """griffinlim_staged between device addresses on `stream`; ang (complex pairs) is
+    overwritten with the last phases. prec 2 double, 0 refused, anything else float."""
+def mel_staged(
+    y: object,
+    window: object,
+    fb: object,
+    n_fft: int,
+    hop: int,
+    center: bool,
+    power: float,
+    output: str,
+    eps: float = 1e-10,
+) -> numpy.ndarray:
+    """Mel spectrogram of a (batch, samples) array: the STFT of stft_staged (same framing,
+    window and padding), then per bin |X| where int(power) is 1 or |X|^2 for any power of
+    2 or more (below 1 is refused), then the band sums fb @ that with the (n_mels,
+    n_fft // 2 + 1) filterbank fb, stored as they are ('power' and other words), as their
+    square root ('magnitude') or as 10 log10(sum + eps) ('db'). Returns (batch, n_mels,
+    frames) as a transposed view of [batch][frame][band]; float64 for float64 input,
+    float32 otherwise. The filterbank is identified by every one of its bytes."""
+def mel_resident(
+    x_ptr: int,
+    mel_ptr: int,
+    batch: int,
+    length: int,
+    fb: object,
+    n_fft: int,
+    hop: int,
+    center: bool,
+    power: float,
+    output: str,
+    eps: float,
+    window: object,
+    prec: int,
+    device: int = 0,
+    stream: int = 0,
+) -> None:
+    """mel_staged between device addresses on `stream`, to [batch][frame][band] reals.
+    `fb` stays a host array; its device table is built on first use and kept for the
+    process. prec 2 double, 1 float, 0 half signal, weights and output with float
+    arithmetic, 3 like 0 with half arithmetic where n_fft is a power of two."""
+def db_resident(
+    s_ptr: int,
+    out_ptr: int,
+    items: int,
+    n: int,
+    mul: float,
+    amin: float,
+    cref: float,
+    topdb: float,
+    hastop: bool,
+    prec: int,
+    device: int = 0,
+    stream: int = 0,
+) -> None:
+    """Decibels of items rows of n values: mul * log10(max(s, amin)) - cref; with hastop
+    each row is floored at its largest result less topdb. double for prec 2, float
+    otherwise (no half form)."""
+def db_inv_resident(
+    d_ptr: int, out_ptr: int, total: int, mul: float, ref: float, prec: int, device: int = 0, stream: int = 0
+) -> None:
+    """ref * 10^(d / mul) over total values; double for prec 2, float otherwise."""
+def db_adjoint_resident(
+    s_ptr: int,
+    g_ptr: int,
+    gs_ptr: int,
+    items: int,
+    n: int,
+    mul: float,
+    amin: float,
+    topdb: float,
+    hastop: bool,
+    prec: int,
+    device: int = 0,
+    stream: int = 0,
+) -> None:
+    """Gradient of db_resident with respect to s given g: g * mul / (ln 10 * s), 0 below
+    amin; with hastop the gradient of floored values goes to the row's peak (equal
+    shares among ties) and a value on the floor keeps half. Float or double (prec 2)
+    buffers; prec 0 is refused."""
 def rms_resident(
     x: int,
     out: int,

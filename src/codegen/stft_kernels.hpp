@@ -45,6 +45,11 @@ struct StftPlan {
   int window_kind = kWindowTable;
   int shp_shift = 4;
   bool shp_on = false;
+  // The mel spectrogram's: bands of the filterbank, cepstral coefficients
+  // of a fused DCT (0: none), and 1 for magnitudes, else squared magnitudes.
+  int32_t n_mels = 0;
+  int32_t ncep = 0;
+  int32_t power = 2;
 
   int32_t m() const { return n / 2; }
   int32_t bins() const { return n / 2 + 1; }
@@ -76,6 +81,10 @@ std::string stft_text(const StftPlan& plan, const Backend& backend, const Featur
 // 3, its magnitude, power or decibels, in `out_prec`; T is the compute type.
 std::string store_text(const Backend& backend, int mode, int out_prec, const std::string& t, const std::string& target,
                        const std::string& re, const std::string& im);
+
+// The window's value at the text index j of a frame of n samples: a read of
+// the table `win`, or for the computed kinds the periodic window itself.
+std::string window_value(const Backend& backend, int prec, int32_t n, int window_kind, const std::string& j);
 
 // "#define EPS" with the value as the kernels print it: six significant digits.
 std::string eps_define(double eps);

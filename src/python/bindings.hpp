@@ -23,12 +23,20 @@ FftOptions resident_options(bool inverse, int32_t prec, int32_t dev, uintptr_t s
 
 // stft_staged, stft_resident.
 void register_stft(pybind11::module_& m);
+// istft_staged, istft_resident.
+void register_istft(pybind11::module_& m);
+// griffinlim_staged, griffinlim_resident.
+void register_griffinlim(pybind11::module_& m);
+// mel_staged, mel_resident.
+void register_mel(pybind11::module_& m);
 
 // set_shape_hint, shape_epoch, shape_hint_clear, route_explain.
 void register_hints(pybind11::module_& m);
 
 // rms_resident ... tonnetz_staged: the small frame features, positional only.
 void register_features(pybind11::module_& m);
+// db_resident, db_inv_resident, db_adjoint_resident.
+void register_decibels(pybind11::module_& m);
 // conv_fft_staged, conv_fft_resident, conv_cplx_staged, conv_cplx_resident,
 // conv_direct_staged, conv_direct_resident: the convolutions.
 void register_convolution(pybind11::module_& m);

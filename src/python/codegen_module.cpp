@@ -14,11 +14,15 @@
 #include "cuda_like/ops/conv.hpp"
 #include "cuda_like/ops/conv_adjoint.hpp"
 #include "cuda_like/ops/conv_direct.hpp"
+#include "cuda_like/ops/decibels.hpp"
 #include "cuda_like/ops/fft.hpp"
 #include "cuda_like/ops/four_step.hpp"
 #include "cuda_like/ops/four_step_real.hpp"
 #include "cuda_like/ops/lfilter.hpp"
 #include "cuda_like/ops/rfft.hpp"
+#include "cuda_like/ops/istft.hpp"
+#include "cuda_like/ops/mel.hpp"
+#include "cuda_like/ops/reconstruct.hpp"
 #include "cuda_like/ops/stft.hpp"
 #include "cuda_like/tune/tuned_table.hpp"
 
@@ -36,6 +40,12 @@ ondrel::RouteQuery route_query(int32_t n, int32_t prec, bool inverse, uint64_t s
   q.tune = tune;
   q.shared_limit = shared_limit;
   return q;
+}
+
+// A window argument: a name or a list of samples.
+ondrel::WindowSpec window_of(const py::object& window) {
+  if (py::isinstance<py::str>(window)) return ondrel::named_window(window.cast<std::string>());
+  return ondrel::array_window(window.cast<std::vector<double>>());
 }
 
 py::list texts(const std::vector<ondrel::KernelPlan>& plans) {
@@ -145,9 +155,7 @@ PYBIND11_MODULE(_codegen, m) {
       "stft_kernel_texts",
       [](int32_t n_fft, int32_t hop, bool center, const std::string& output, double eps, const py::object& window,
          int32_t prec, int64_t length, uint64_t shared_limit) {
-        const ondrel::WindowSpec spec = py::isinstance<py::str>(window)
-                                            ? ondrel::named_window(window.cast<std::string>())
-                                            : ondrel::array_window(window.cast<std::vector<double>>());
+        const ondrel::WindowSpec spec = window_of(window);
         ondrel::StftRequest r;
         r.batch = 1;
         r.length = length;
@@ -164,6 +172,40 @@ PYBIND11_MODULE(_codegen, m) {
       py::arg("prec"), py::arg("length"), py::arg("shared_limit") = 65536,
       "[(kernel key, text)] of the STFT's own kernels for this request on device 0: the fused kernel, or the frame "
       "and split (or output) kernels of the staged path, whose FFT the FFT listings give.");
+  m.def(
+      "mel_kernel_texts",
+      [](int32_t n_fft, int32_t hop, bool center, int32_t n_mels, double power, const std::string& output, double eps,
+         const py::object& window, int32_t prec, int64_t length, uint64_t shared_limit) {
+        const ondrel::WindowSpec spec = window_of(window);
+        // Only the filterbank's shape reaches a text.
+        const ondrel::FilterBank fb{nullptr, false, false, n_mels, n_fft / 2 + 1, 0};
+        ondrel::MelRequest r;
+        r.fb = &fb;
+        r.power = power;
+        r.stft.batch = 1;
+        r.stft.length = length;
+        r.stft.n_fft = n_fft;
+        r.stft.hop = hop;
+        r.stft.center = center;
+        r.stft.mode = ondrel::output_mode(output);
+        r.stft.eps = eps;
+        r.stft.window = &spec;
+        r.stft.prec = ondrel::precision_code(prec);
+        return texts(ondrel::mel_kernels(r, shared_limit));
+      },
+      py::arg("n_fft"), py::arg("hop"), py::arg("center"), py::arg("n_mels"), py::arg("power"), py::arg("output"),
+      py::arg("eps"), py::arg("window"), py::arg("prec"), py::arg("length"), py::arg("shared_limit") = 65536,
+      "[(kernel key, text)] of the mel spectrogram's own kernels for this request on device 0: ondrel_mel, or the "
+      "frame, split (or output) and band-sum kernels of the staged path, whose FFT the FFT listings give.");
+  m.def(
+      "db_kernel_texts", [](int32_t prec) { return texts(ondrel::db_kernels(prec)); }, py::arg("prec") = 1,
+      "[(kernel key, text)] of ondrel_db, ondrel_db_inv and ondrel_db_adj for precision code prec (2 double, "
+      "anything else float).");
+  m.def(
+      "griffinlim_kernel_texts", [](int32_t prec) { return texts(ondrel::griffinlim_kernels(prec == 2)); },
+      py::arg("prec") = 1,
+      "[(kernel key, text)] of Griffin-Lim's own kernels, ondrel_gl_mul and ondrel_gl_step (the transforms list "
+      "theirs).");
   m.def(
       "feature_kernel_texts",
       [](int32_t prec) { return texts(ondrel::feature_kernels(ondrel::precision_code(prec))); },
@@ -206,4 +248,25 @@ PYBIND11_MODULE(_codegen, m) {
       py::arg("p"), py::arg("m1"), py::arg("prec") = 1, py::arg("threads") = 256, py::arg("seq") = 16,
       "[(kernel key, text)] of the pack kernel and the filter kernel of a filter with p feedback and m1 "
       "feedforward coefficients.");
+  m.def(
+      "istft_kernel_texts",
+      [](int32_t n_fft, int32_t hop, bool center, const py::object& window, int32_t prec, int64_t frames,
+         uint64_t shared_limit) {
+        const ondrel::WindowSpec spec = window_of(window);
+        ondrel::IstftRequest r;
+        r.batch = 1;
+        r.bins = n_fft / 2 + 1;
+        r.frames = frames;
+        r.n_fft = n_fft;
+        r.hop = hop;
+        r.center = center;
+        r.window = &spec;
+        r.prec = ondrel::precision_code(prec);
+        return texts(ondrel::istft_kernels(r, shared_limit));
+      },
+      py::arg("n_fft"), py::arg("hop"), py::arg("center"), py::arg("window"), py::arg("prec"), py::arg("frames"),
+      py::arg("shared_limit") = 65536,
+      "[(kernel key, text)] of the inverse STFT's own kernels on device 0 under the present deterministic switch: "
+      "istft_frames and istft_normalize, or the staged pack (gather), window scale and normalisation, whose "
+      "inverse FFT the FFT listings give.");
 }

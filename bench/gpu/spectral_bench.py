@@ -1,0 +1,81 @@
+"""What the STFT and inverse STFT benchmarks share: the table they write
+after every case, the CUDA-event timer and the test signal's shape."""
+
+from __future__ import annotations
+
+import json
+import statistics
+from pathlib import Path
+
+import numpy as np
+
+# 64 signals of 10 s at 22.05 kHz: a training batch of clips.
+GPU_BATCH, GPU_LENGTH = 64, 220500
+
+
+def rel_error(got: np.ndarray, ref: np.ndarray) -> float:
+    return float(np.linalg.norm(got - ref) / np.linalg.norm(ref))
+
+
+def hann(n: int, dtype=np.float64) -> np.ndarray:
+    return (0.5 - 0.5 * np.cos(2 * np.pi * np.arange(n) / n)).astype(dtype)
+
+
+class Bench:
+    """Rows of one run, rewritten to bench.json and bench.md after every case
+    so that a run cut short still leaves its table."""
+
+    def __init__(self, out: Path, head: str):
+        self.out, self.head, self.rows = out, head, []
+        out.mkdir(parents=True, exist_ok=True)
+
+    def add(self, row: dict) -> None:
+        self.rows.append(row)
+        print(json.dumps(row), flush=True)
+        (self.out / "bench.json").write_text(json.dumps({"head": self.head, "cases": self.rows}, indent=1))
+        (self.out / "bench.md").write_text(self.report())
+
+    def report(self) -> str:
+        lines = [self.head, "", "| case | ondrel ms | reference | reference ms | speed-up | error |",
+                 "|---|---|---|---|---|---|"]
+        for r in self.rows:
+            lines.append(f"| {r['case']} | {r['ms']:.4g} | {r['ref']} | {r['ref_ms']:.4g} | "
+                         f"{r['ref_ms'] / r['ms']:.2f}x | {r['err']:.1e} |")
+        return "\n".join(lines) + "\n"
+
+
+def cuda_timer(stream, repeats: int):
+    """Median milliseconds of single calls on `stream`, between CUDA events,
+    after three warm-up calls."""
+    import torch
+
+    def timed(call) -> float:
+        with torch.cuda.stream(stream):
+            for _ in range(3):
+                call()
+            times = []
+            for _ in range(repeats):
+                start, stop = torch.cuda.Event(enable_timing=True), torch.cuda.Event(enable_timing=True)
+                start.record(stream)
+                call()
+                stop.record(stream)
+                stop.synchronize()
+                times.append(start.elapsed_time(stop))
+        return statistics.median(times)
+
+    return timed
+
+
+def host_timer(repeats: int):
+    """Median milliseconds of `repeats` calls on the host."""
+    import time
+
+    def timed(call) -> float:
+        times = []
+        for _ in range(repeats):
+            start = time.perf_counter()
+            call()
+            times.append((time.perf_counter() - start) * 1e3)
+        return statistics.median(times)
+
+    return timed
