@@ -7,6 +7,7 @@
 #include "cuda_like/ops/adjoint.hpp"
 #include "cuda_like/ops/mel_adjoint.hpp"
 #include "cuda_like/tune/tuned_table.hpp"
+#include "python/bank_arg.hpp"
 #include "python/bindings.hpp"
 #include "python/frame.hpp"
 

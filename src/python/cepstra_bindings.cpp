@@ -7,6 +7,7 @@
 #include "cuda_like/ops/cepstra.hpp"
 #include "cuda_like/ops/cepstra_adjoint.hpp"
 #include "cuda_like/ops/inverse_mel.hpp"
+#include "python/bank_arg.hpp"
 #include "python/bindings.hpp"
 #include "python/frame.hpp"
 

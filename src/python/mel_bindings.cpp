@@ -5,6 +5,7 @@
 
 #include "cuda_like/ops/mel.hpp"
 #include "cuda_like/tune/tuned_table.hpp"
+#include "python/bank_arg.hpp"
 #include "python/bindings.hpp"
 #include "python/frame.hpp"
 
