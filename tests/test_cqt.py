@@ -5,7 +5,11 @@ order; every output form; half data; tables known by content; errors."""
 
 from __future__ import annotations
 
+import json
 import os
+import subprocess
+import sys
+from pathlib import Path
 
 import numpy as np
 import pytest
@@ -323,3 +327,13 @@ def test_kernel_texts_compile_for_sm90(prec):
         errors = nvrtc_check.compile_errors(text, key + ".cu")
         assert errors is None, f"{key}:\n{errors}"
 
+
+@pytest.mark.skipif(ondrel.runtime != "cpu", reason="the smoke mode runs on the CPU runtime")
+def test_bench_smoke(tmp_path):
+    bench = Path(__file__).resolve().parents[1] / "bench" / "gpu" / "cqt_bench.py"
+    done = subprocess.run([sys.executable, str(bench), "--smoke", "--out", str(tmp_path)], capture_output=True,
+                          text=True, timeout=300)
+    assert done.returncode == 0, done.stderr
+    cases = json.loads((tmp_path / "bench.json").read_text())["cases"]
+    assert len(cases) == 1 and cases[0]["err"] < 1e-5 and cases[0]["ms"] > 0, cases
+    assert "fused" in cases[0]["case"]

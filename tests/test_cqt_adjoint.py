@@ -35,7 +35,8 @@ def test_complex_output_is_the_exact_transpose(name, prec):
     for frames in (None, 2):  # every frame, and frames well below nfl
         plan = make_plan(n_levels, spec, length, key=len(name), frames=frames)
         x = rng(1, prec).standard_normal((2, length))
-        g = rng(2, prec).standard_normal((2, plan[4], plan[5])) + 1j * rng(3, prec).standard_normal((2, plan[4], plan[5]))
+        shape = (2, plan[4], plan[5])
+        g = rng(2, prec).standard_normal(shape) + 1j * rng(3, prec).standard_normal(shape)
         dtype = np.float64 if prec == 2 else np.float32
         ax = _rocm.cqt_staged(x.astype(dtype), *plan, "complex").astype(np.complex128)
         gx = adjoint(np.full_like(x, np.nan), g, plan, "complex", prec)
