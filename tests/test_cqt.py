@@ -147,6 +147,10 @@ def test_the_all_zero_row_and_eps():
 
     assert keys("power", 1e-10) == keys("power", 1e-3)
     assert keys("db", 1e-10) != keys("db", 1e-3)
+    assert any(k.startswith("cqt_hbdec_") for k in keys("power", 1e-10))
+    one_level = make_plan(1, [(0, 64, 256, 4)], 1500, key=5)
+    texts = _codegen.cqt_kernel_texts(1500, *one_level[:3], *one_level[4:], "power", 1e-10, 1)
+    assert not any(k.startswith("cqt_hbdec_") for k, _ in texts), "one level needs no decimation"
 
 
 def test_frames_below_nfl_and_a_batch_over_many_blocks():

@@ -67,8 +67,9 @@ void register_cqt(py::module_& m) {
       "cqt_staged",
       [](const py::object& y, int64_t n_levels, const py::object& octaves, const py::object& taps,
          const std::string& plan_key, int32_t n_bins, int64_t frames, const std::string& output, double eps) {
-        return dtype_is_double(y) ? cqt_staged<double>(y, n_levels, octaves, taps, plan_key, n_bins, frames, output, eps)
-                                  : cqt_staged<float>(y, n_levels, octaves, taps, plan_key, n_bins, frames, output, eps);
+        if (dtype_is_double(y))
+          return cqt_staged<double>(y, n_levels, octaves, taps, plan_key, n_bins, frames, output, eps);
+        return cqt_staged<float>(y, n_levels, octaves, taps, plan_key, n_bins, frames, output, eps);
       },
       py::arg("y"), py::arg("n_levels"), py::arg("octaves"), py::arg("taps"), py::arg("plan_key"), py::arg("n_bins"),
       py::arg("frames"), py::arg("output"), py::arg("eps") = 1e-10,

@@ -58,7 +58,8 @@ KernelPlan fused_plan(const StftPlan& p, const codegen::CqtForm& f, int device) 
 bool hinted_staged(const CqtCall& c, const CqtOctave& o) {
   Precision width = c.prec;
   width.packed = false;  // the CQT has no half arithmetic: prec 3 runs as 0
-  const auto entry = tuned_entry(tuning_key(TuneOp::cqt, o.n_fft, o.hop, false, width.width_code(), c.mode, 0, c.device));
+  const auto entry =
+      tuned_entry(tuning_key(TuneOp::cqt, o.n_fft, o.hop, false, width.width_code(), c.mode, 0, c.device));
   return entry && entry->core == 1;
 }
 
