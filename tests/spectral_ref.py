@@ -84,3 +84,34 @@ def triangles(n_mels, n, sr=22050.0, htk=False) -> np.ndarray:
     fall = (edges[2:, None] - bins[None]) / (edges[2:] - edges[1:-1])[:, None]
     fb = np.maximum(0, np.minimum(rise, fall))
     return fb if htk else fb * (2 / (edges[2:] - edges[:-2]))[:, None]
+
+
+def half_band_step(x: np.ndarray, taps: np.ndarray) -> np.ndarray:
+    """y[j] = taps[32] x[2j] + sum over odd t of taps[t] x[2j + t - 32], samples
+    outside the signal zero; (len + 1) // 2 outputs."""
+    n = x.shape[1]
+    out = np.zeros((x.shape[0], (n + 1) // 2))
+    j = np.arange(out.shape[1])
+    out += taps[32] * x[:, 2 * j]
+    for t in range(1, 65, 2):
+        i = 2 * j + t - 32
+        ok = (i >= 0) & (i < n)
+        out[:, ok] += taps[t] * x[:, i[ok]]
+    return out
+
+
+def cqt_reference(y, n_levels, octaves, taps, n_bins, frames, output, eps=1e-10) -> np.ndarray:
+    """(batch, n_bins, frames) of the multirate constant-Q transform in float64:
+    each octave's level zero-padded by n_fft // 2 on both sides, unwindowed
+    frames at t * hop, the basis times the rfft (not its conjugate)."""
+    levels = [np.asarray(y, np.float64)]
+    for _ in range(n_levels - 1):
+        levels.append(half_band_step(levels[-1], np.asarray(taps, np.float64)))
+    c = np.zeros((levels[0].shape[0], n_bins, frames), complex)
+    for level, hop, n, row_lo, re, im in octaves:
+        x = np.pad(levels[level], ((0, 0), (n // 2, n // 2)))
+        spec = np.fft.rfft(np.stack([x[:, t * hop:t * hop + n] for t in range(frames)], axis=1), axis=-1)
+        basis = np.asarray(re, np.float64) + 1j * np.asarray(im, np.float64)
+        c[:, row_lo:row_lo + basis.shape[0]] = np.einsum("ki,bti->bkt", basis, spec)
+    power = np.abs(c) ** 2
+    return {"magnitude": np.abs(c), "power": power, "db": 10 * np.log10(power + eps)}.get(output, c)

@@ -30,6 +30,7 @@ def test_demo_prints_versions_runtime_and_a_kernel(tmp_path):
         error = float(out.split("differs from numpy by ")[1].split(" dB")[0])
         assert error < 1e-3
         assert ("picture: " in out) == (tmp_path / "s.png").exists()
+        assert "constant-Q transform (84 bins from 32.7 Hz, dB): 84 x " in out
 
 
 @pytest.mark.parametrize("prec", [0, 1, 2])

@@ -20,6 +20,9 @@
 #          torchaudio's; `all` runs it too
 #   adjoint  bench/gpu/adjoint_bench.py: the STFT, inverse STFT and mel
 #          gradients beside torch autograd; `all` runs it too
+#   cqt    bench/gpu/cqt_bench.py: the constant-Q transform and its adjoint
+#          beside nnAudio (carried as a wheel: not in the image); `all`
+#          runs it too
 #   filters  bench/gpu/filter_bench.py: the recursive filter beside
 #          torchaudio and scipy, the FFT convolution beside torch (needs
 #          torchaudio in the image); arguments follow. `all` runs it too.
@@ -36,8 +39,8 @@ mkdir -p "$out"
 what=${1:-all}
 shift || true
 case $what in
-  tests | fft | stft | istft | mel | cepstra | griffinlim | adjoint | filters | all) ;;
-  *) echo "usage: $0 [tests | fft | stft | istft | mel | cepstra | griffinlim | adjoint | filters | all] [benchmark arguments]" >&2; exit 2 ;;
+  tests | fft | stft | istft | mel | cepstra | griffinlim | adjoint | cqt | filters | all) ;;
+  *) echo "usage: $0 [tests | fft | stft | istft | mel | cepstra | griffinlim | adjoint | cqt | filters | all] [benchmark arguments]" >&2; exit 2 ;;
 esac
 export PYTHONUNBUFFERED=1
 
@@ -70,7 +73,7 @@ fi
 if [ "$what" = fft ] || [ "$what" = all ]; then
   (cd /tmp && python3 "$root/bench/gpu/fft_bench.py" --out "$out" "$@") 2>&1 | tee "$out/bench.log" || status=1
 fi
-for spectral in stft istft mel cepstra griffinlim adjoint; do
+for spectral in stft istft mel cepstra griffinlim adjoint cqt; do
   if [ "$what" = $spectral ] || [ "$what" = all ]; then
     mkdir -p "$out/$spectral"
     (cd /tmp && python3 "$root/bench/gpu/${spectral}_bench.py" --out "$out/$spectral") 2>&1 |

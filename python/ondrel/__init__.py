@@ -25,4 +25,6 @@ runtime, _updates = _runtime_choice.choose(os.environ, Path(__file__).parent)
 os.environ.update(_updates)
 del _updates
 
-__all__ = ["__version__", "runtime"]
+from .cqt import CqtPlan, cqt_plan  # noqa: E402  (after the runtime choice, like everything else)
+
+__all__ = ["__version__", "runtime", "CqtPlan", "cqt_plan"]

@@ -38,6 +38,22 @@ def stft_kernel_texts(
     length: int,
     shared_limit: int = 65536,
 ) -> list[tuple[str, str]]: ...
+def cqt_kernel_texts(
+    length: int,
+    n_levels: int,
+    octaves: list,
+    taps: object,
+    n_bins: int,
+    frames: int,
+    output: str,
+    eps: float,
+    prec: int,
+    adjoint: bool = False,
+    shared_limit: int = 65536,
+) -> list[tuple[str, str]]:
+    """(kernel key, text) of the CQT's own kernels for this plan (ondrel_hbdec, ondrel_cqtpad,
+    ondrel_cqtf per fused octave, ondrel_cqtred), or with `adjoint` those of
+    cqt_adjoint_resident (ondrel_cqtgc, ondrel_cqtradj, ondrel_hbadj, ondrel_cqtaddsl)."""
 def mel_kernel_texts(
     n_fft: int,
     hop: int,

@@ -437,6 +437,69 @@ def tonnetz_adjoint_resident(c: int, gy: int, gc: int, rows: int, prec: int, dev
 def rms_staged(x: object, frame_length: int, hop: int, center: bool, /) -> numpy.ndarray: ...
 def onset_strength_staged(S: object, /) -> numpy.ndarray: ...
 def tonnetz_staged(C: object, /) -> numpy.ndarray: ...
+def cqt_staged(
+    y: object,
+    n_levels: int,
+    octaves: list,
+    taps: object,
+    plan_key: str,
+    n_bins: int,
+    frames: int,
+    output: str,
+    eps: float = 1e-10,
+) -> numpy.ndarray:
+    """Multirate constant-Q transform of a (batch, samples) array to (batch, n_bins, frames):
+    level l + 1 is level l through the 65-tap half-band filter `taps` and halved; each
+    octave (level, hop, n_fft, row_lo, re, im) zero-pads its level by n_fft // 2, takes
+    unwindowed frames at t * hop and gives rows row_lo + k = (re + 1j im)[k] @ rfft(frame).
+    Complex, or |C|, |C|^2, 10 log10(|C|^2 + eps) for 'magnitude', 'power', 'db'.
+    float64 runs in double, anything else in single. Tables are keyed by plan_key and
+    every byte of taps and bases and never freed: a plan changed on every call grows
+    device memory. ondrel.cqt_plan builds one plan."""
+def cqt_resident(
+    x_ptr: int,
+    out_ptr: int,
+    batch: int,
+    length: int,
+    n_levels: int,
+    octaves: list,
+    taps: object,
+    plan_key: str,
+    n_bins: int,
+    frames: int,
+    output: str,
+    eps: float,
+    prec: int,
+    device: int = 0,
+    stream: int = 0,
+) -> None:
+    """cqt_staged between device addresses on `stream`: (batch, length) to (batch, n_bins,
+    frames) complex pairs or reals. prec 2 double, 1 float, 0 and 3 half signal and output
+    with float arithmetic between."""
+def cqt_adjoint_resident(
+    x_ptr: int,
+    g_ptr: int,
+    gx_ptr: int,
+    batch: int,
+    length: int,
+    n_levels: int,
+    octaves: list,
+    taps: object,
+    plan_key: str,
+    n_bins: int,
+    frames: int,
+    output: str,
+    eps: float,
+    prec: int,
+    device: int = 0,
+    stream: int = 0,
+) -> None:
+    """Gradient of cqt_resident: g (batch, n_bins, frames), complex pairs for complex output,
+    to gx (batch, length). The exact transpose for complex output (x never read); magnitude,
+    power and dB recompute the forward from x, zero gradient at zero magnitude. Buffers are
+    float, or double for prec 2, whatever prec says: never half; prec 0 is refused."""
+def _cqt_last_routes() -> list[str]:
+    """Test hook: 'fused' or 'staged' for each octave of this thread's last CQT call."""
 def conv_fft_staged(a: object, b: object, nf: int, start: int, outlen: int) -> numpy.ndarray: ...
 def conv_fft_resident(
     a_ptr: int,

@@ -17,6 +17,7 @@ import numpy as np
 
 import ondrel
 from ondrel import _codegen, _rocm
+from ondrel.cqt import cqt_plan
 
 
 def main(argv: list[str] | None = None) -> int:
@@ -81,8 +82,10 @@ def mel_bank(n_mels: int, n_fft: int, rate: float) -> np.ndarray:
 def spectrogram_of_a_chirp(png: str) -> None:
     """Three seconds at 22.05 kHz of a chirp from 200 Hz to 8 kHz over tones
     at 440 Hz and 1760 Hz: its decibel spectrogram (Hann, 1024 / 256) through
-    stft_staged and its 64-band mel spectrogram in dB through mel_staged,
-    against numpy in float64, drawn when matplotlib is there."""
+    stft_staged, its 64-band mel spectrogram in dB through mel_staged,
+    against numpy in float64, and its 84-bin constant-Q transform in dB
+    through cqt_staged with the plan of ondrel.cqt_plan, drawn when
+    matplotlib is there."""
     if not _rocm.available():
         print("no device runtime available: skipping the spectrogram")
         return
@@ -95,6 +98,8 @@ def spectrogram_of_a_chirp(png: str) -> None:
     took = time.perf_counter() - start
     bank = mel_bank(64, n, rate)
     mel = _rocm.mel_staged(signal.astype(np.float32), "hann", bank, n, hop, True, 2.0, "db")[0]
+    plan = cqt_plan(rate, 512, 32.7, 84, 12)
+    cqt = _rocm.cqt_staged(signal.astype(np.float32), *plan.args(signal.shape[1]), "db")[0]
     padded = np.pad(signal[0], n // 2, mode="reflect")
     window = 0.5 - 0.5 * np.cos(2 * np.pi * np.arange(n) / n)
     frames = np.stack([padded[f * hop:f * hop + n] * window for f in range(db.shape[1])])
@@ -106,6 +111,7 @@ def spectrogram_of_a_chirp(png: str) -> None:
         print(f"{name} of 3 s of a chirp and two tones: {got.shape[0]} x {got.shape[1]} frames; within 60 dB of "
               f"the peak it differs from numpy by {error:.1e} dB at most")
     print(f"  the STFT took {took * 1e3:.1f} ms, compilation included")
+    print(f"constant-Q transform (84 bins from 32.7 Hz, dB): {cqt.shape[0]} x {cqt.shape[1]} frames")
     try:
         import matplotlib
 
@@ -114,10 +120,11 @@ def spectrogram_of_a_chirp(png: str) -> None:
     except ImportError:
         print("  for the picture: pip install 'ondrel[demo]' (matplotlib), then run the demo again")
         return
-    fig, axes = plt.subplots(2, 1, figsize=(8, 7))
+    fig, axes = plt.subplots(3, 1, figsize=(8, 10))
     for ax, image, top, label, title in (
         (axes[0], db, rate / 2 / 1000, "frequency (kHz)", "stft_staged, dB (Hann, n_fft 1024, hop 256)"),
         (axes[1], mel, 64, "mel band", "mel_staged, dB (64 HTK triangles)"),
+        (axes[2], cqt, 84, "constant-Q bin", "cqt_staged, dB (84 bins, 12 an octave from 32.7 Hz)"),
     ):
         shown = ax.imshow(image, origin="lower", aspect="auto", cmap="magma", vmin=image.max() - 80,
                           vmax=image.max(), extent=(0, t[-1], 0, top))

@@ -16,6 +16,8 @@
 #include "cuda_like/ops/cepstra_adjoint.hpp"
 #include "cuda_like/ops/features.hpp"
 #include "cuda_like/ops/conv.hpp"
+#include "cuda_like/ops/cqt.hpp"
+#include "cuda_like/ops/cqt_adjoint.hpp"
 #include "cuda_like/ops/conv_adjoint.hpp"
 #include "cuda_like/ops/conv_direct.hpp"
 #include "cuda_like/ops/decibels.hpp"
@@ -31,6 +33,7 @@
 #include "cuda_like/ops/reconstruct.hpp"
 #include "cuda_like/ops/stft.hpp"
 #include "cuda_like/tune/tuned_table.hpp"
+#include "python/cqt_args.hpp"
 
 namespace py = pybind11;
 
@@ -262,6 +265,31 @@ PYBIND11_MODULE(_codegen, m) {
       py::arg("n_in"), py::arg("n_out"), py::arg("prec") = 1, py::arg("clamp") = false, py::arg("adjoint") = false,
       "[(kernel key, text)] of the ondrel_pmatmul products of the inverse mel scale (adjoint: its mask when "
       "clamped and its transposed product) for precision code prec (2 double, anything else float).");
+  m.def(
+      "cqt_kernel_texts",
+      [](int64_t length, int64_t n_levels, const py::object& octaves, const py::object& taps, int32_t n_bins,
+         int64_t frames, const std::string& output, double eps, int32_t prec, bool adjoint, uint64_t shared_limit) {
+        const ondrel::python::CqtArgs args = ondrel::python::cqt_args(n_levels, octaves, taps, "", n_bins, frames);
+        ondrel::CqtCall c;
+        c.plan = &args.plan;
+        c.batch = 1;
+        c.length = length;
+        c.mode = ondrel::output_mode(output);
+        c.eps = eps;
+        if (!adjoint) {
+          c.prec = ondrel::precision_code(prec);
+          return texts(ondrel::cqt_kernels(c, shared_limit));
+        }
+        c.prec = ondrel::full_width(adjoint_double(prec));
+        return texts(ondrel::cqt_adjoint_kernels(c));
+      },
+      py::arg("length"), py::arg("n_levels"), py::arg("octaves"), py::arg("taps"), py::arg("n_bins"),
+      py::arg("frames"), py::arg("output"), py::arg("eps"), py::arg("prec"), py::arg("adjoint") = false,
+      py::arg("shared_limit") = 65536,
+      "[(kernel key, text)] of the constant-Q transform's own kernels for this plan on device 0 without tuning "
+      "hints (ondrel_hbdec, ondrel_cqtpad, ondrel_cqtf for each fused octave, ondrel_cqtred for staged ones), or "
+      "with `adjoint` those of cqt_adjoint_resident (ondrel_cqtgc, ondrel_cqtradj, ondrel_hbadj, "
+      "ondrel_cqtaddsl, and ondrel_hbdec where it recomputes the levels). The STFT lists its own.");
   m.def(
       "db_kernel_texts", [](int32_t prec) { return texts(ondrel::db_kernels(prec)); }, py::arg("prec") = 1,
       "[(kernel key, text)] of ondrel_db, ondrel_db_inv and ondrel_db_adj for precision code prec (2 double, "

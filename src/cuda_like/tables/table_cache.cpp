@@ -55,25 +55,39 @@ void* table_by_hash(uint64_t key, const std::function<void*()>& builder) {
   });
 }
 
+namespace {
+
+// Every 8-byte word of p[0, bytes) in eight multiply-rotate lanes that run
+// side by side, the bytes past the last full round one at a time, folded
+// into h.
+uint64_t lane_hash(const unsigned char* p, size_t bytes, uint64_t h) {
+  constexpr uint64_t kMix = 0x9fb21c651e98df25ULL;
+  constexpr int kLanes = 8;  // enough to keep the multiplier busy
+  uint64_t lane[kLanes];
+  for (int j = 0; j < kLanes; ++j) lane[j] = h ^ static_cast<uint64_t>(j);
+  size_t i = 0;
+  for (; i + 8 * kLanes <= bytes; i += 8 * kLanes)
+    for (int j = 0; j < kLanes; ++j) {
+      uint64_t word;
+      std::memcpy(&word, p + i + 8 * j, 8);
+      lane[j] = std::rotl((lane[j] ^ word) * kMix, 29);
+    }
+  for (; i < bytes; ++i) lane[0] = (lane[0] ^ p[i]) * kFnvPrime;
+  for (const uint64_t l : lane) h = combine(h, l * kMix);
+  return h;
+}
+
+}  // namespace
+
 uint64_t content_hash(const void* data, size_t bytes) {
   const auto* p = static_cast<const unsigned char*>(data);
   uint64_t h = fnv1a(p, std::min<size_t>(bytes, 4096));
-  if (bytes > 4096) {
-    constexpr uint64_t kMix = 0x9fb21c651e98df25ULL;
-    constexpr int kLanes = 8;  // enough to keep the multiplier busy
-    uint64_t lane[kLanes];
-    for (int j = 0; j < kLanes; ++j) lane[j] = h ^ static_cast<uint64_t>(j);
-    size_t i = 4096;
-    for (; i + 8 * kLanes <= bytes; i += 8 * kLanes)
-      for (int j = 0; j < kLanes; ++j) {
-        uint64_t word;
-        std::memcpy(&word, p + i + 8 * j, 8);
-        lane[j] = std::rotl((lane[j] ^ word) * kMix, 29);
-      }
-    for (; i < bytes; ++i) lane[0] = (lane[0] ^ p[i]) * kFnvPrime;
-    for (const uint64_t l : lane) h = combine(h, l * kMix);
-  }
+  if (bytes > 4096) h = lane_hash(p + 4096, bytes - 4096, h);
   return combine(h, bytes);
+}
+
+uint64_t word_hash(const void* data, size_t bytes) {
+  return combine(lane_hash(static_cast<const unsigned char*>(data), bytes, 0x14650fb0739d0383ULL), bytes);
 }
 
 std::string twiddle_key(char kind, int32_t n, size_t entries, size_t real_bytes) {

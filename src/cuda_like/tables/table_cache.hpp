@@ -37,6 +37,11 @@ void* table_by_hash(uint64_t key, const std::function<void*()>& builder);
 // byte is skipped: two tables that differ anywhere must never share a key.
 uint64_t content_hash(const void* data, size_t bytes);
 
+// The same lanes from the first byte on, for the many small arrays of one
+// plan (a constant-Q basis), where content_hash's byte-wise first 4 KiB of
+// each would cost more than all the rest.
+uint64_t word_hash(const void* data, size_t bytes);
+
 // Text keys. `real_bytes` is 8 in the double instantiation and 4 in the float one.
 std::string twiddle_key(char kind, int32_t n, size_t entries, size_t real_bytes);
 std::string window_key(uint64_t hash, size_t entries, size_t real_bytes);

@@ -154,6 +154,22 @@ TEST(ContentHash, EveryByteCounts) {
   EXPECT_EQ(content_hash(small.data(), 16), combine(fnv1a(small.data(), 16), 16));
 }
 
+TEST(WordHash, EveryByteCountsFromTheFirst) {
+  std::vector<double> basis(129 * 12 + 1, 0.5);
+  const size_t bytes = basis.size() * sizeof(double);
+  const uint64_t h = word_hash(basis.data(), bytes);
+  for (size_t i : {size_t{0}, size_t{7}, size_t{8}, size_t{511}, basis.size() - 1}) {
+    basis[i] = -0.5;
+    EXPECT_NE(word_hash(basis.data(), bytes), h) << i;
+    basis[i] = 0.5;
+  }
+  EXPECT_EQ(word_hash(basis.data(), bytes), h);
+  // The length counts: a prefix of the same words is another table.
+  EXPECT_NE(word_hash(basis.data(), bytes - 8), h);
+  const unsigned char tail[3] = {1, 2, 3}, other[3] = {1, 2, 4};
+  EXPECT_NE(word_hash(tail, 3), word_hash(other, 3));
+}
+
 TEST(MelTable, SpansAndTheBandsOverEachBin) {
   // Band 0 empty; band 1 with an interior zero; bin 3 under bands 1, 2 and 3.
   const std::vector<double> rows{0, 0, 0, 0, 0,  //
