@@ -140,20 +140,9 @@ void store_spectrum(KernelWriter& w, const StftPlan& p, const std::string& buf) 
   const std::string t = b.real_type(p.prec);
   w.if_block("frame < NFRAMES", [&] {
     w.line("I64 ob = ((I64)batch*NFRAMES + frame) * NB;");
-    if (p.tw_table) w.emit("const cplx* twr = twsh + ($/2);", p.m());
-    w.for_range("k", "tid", p.m(), "TPF", [&] {
-      w.emit("cplx Zk = $[SHP($)];", buf, "k");
-      w.emit("cplx Znk = ($ == 0) ? $[0] : $[SHP($ - $)];", "k", buf, buf, p.m(), "k");
-      w.emit("$ zkr=Zk.x, zki=Zk.y, znr=Znk.x, zni=Znk.y;", t);
-      w.emit("$ xer = ($)0.5*(zkr + znr), xei = ($)0.5*(zki - zni);", t, t, t);
-      w.emit("$ dr = zkr - znr, di = zki + zni;", t);
-      w.emit("$ xo_r = ($)0.5*di, xo_i = ($)(-0.5)*dr;", t, t, t);
-      unpack_twiddle(w, p, t);
-      w.line(store_text(b, p.mode, p.out_prec, t, "out[ob + k]", "(" + t + ")(xer + wr*xo_r - wi*xo_i)",
-                        "(" + t + ")(xei + wr*xo_i + wi*xo_r)"));
+    unpack_bins(w, p, buf, [&](const std::string& k, const std::string& re, const std::string& im) {
+      return store_text(b, p.mode, p.out_prec, t, "out[ob + " + k + "]", re, im);
     });
-    w.emit("if (tid == 0) $", store_text(b, p.mode, p.out_prec, t, format("out[ob + $]", {p.m()}),
-                                         format("($)($[0].x - $[0].y)", {t, buf, buf}), "(" + t + ")0"));
   });
 }
 
@@ -268,6 +257,22 @@ std::string mixed_text(const StftPlan& p, const Backend& b, const FeatureHook& f
 int32_t complex_size(int prec) { return prec == 0 ? 4 : prec == 2 ? 16 : 8; }
 
 }  // namespace
+
+void unpack_bins(KernelWriter& w, const StftPlan& p, const std::string& buf, const BinStatement& bin) {
+  const std::string t = w.backend.real_type(p.prec);
+  if (p.tw_table) w.emit("const cplx* twr = twsh + ($/2);", p.m());
+  w.for_range("k", "tid", p.m(), "TPF", [&] {
+    w.emit("cplx Zk = $[SHP($)];", buf, "k");
+    w.emit("cplx Znk = ($ == 0) ? $[0] : $[SHP($ - $)];", "k", buf, buf, p.m(), "k");
+    w.emit("$ zkr=Zk.x, zki=Zk.y, znr=Znk.x, zni=Znk.y;", t);
+    w.emit("$ xer = ($)0.5*(zkr + znr), xei = ($)0.5*(zki - zni);", t, t, t);
+    w.emit("$ dr = zkr - znr, di = zki + zni;", t);
+    w.emit("$ xo_r = ($)0.5*di, xo_i = ($)(-0.5)*dr;", t, t, t);
+    unpack_twiddle(w, p, t);
+    w.line(bin("k", "(" + t + ")(xer + wr*xo_r - wi*xo_i)", "(" + t + ")(xei + wr*xo_i + wi*xo_r)"));
+  });
+  w.emit("if (tid == 0) $", bin(std::to_string(p.m()), format("($)($[0].x - $[0].y)", {t, buf, buf}), "(" + t + ")0"));
+}
 
 int64_t row_length(const StftPlan& plan) {
   const int64_t m = plan.m();

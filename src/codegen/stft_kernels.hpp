@@ -67,6 +67,12 @@ KernelParams stft_params(const StftPlan& plan, const Backend& backend);
 // spectrum (natural order, behind a barrier) and owns the output.
 using FeatureHook = std::function<void(KernelWriter& w, const StftPlan& plan, const std::string& buffer)>;
 
+// The bin walk of cores 0, 1 and 3 over the frame's M-point spectrum in
+// `buf`: each thread's bins k, then the Nyquist bin by the frame's thread 0,
+// each as the statement `bin(index, re, im)` of index and value texts.
+using BinStatement = std::function<std::string(const std::string& index, const std::string& re, const std::string& im)>;
+void unpack_bins(KernelWriter& w, const StftPlan& plan, const std::string& buf, const BinStatement& bin);
+
 // The kernel text. Throws std::invalid_argument for a four-step plan, which
 // the operation routes to its staged path, and std::logic_error for a
 // feature plan without a hook.

@@ -26,6 +26,11 @@ void register_stft(pybind11::module_& m);
 // istft_staged, istft_resident.
 void register_istft(pybind11::module_& m);
 
+// spectral_staged, spectral_reduce_resident, spectral_signal_resident,
+// spectral_adjoint_resident, contrast_staged, contrast_reduce_resident,
+// contrast_signal_resident, contrast_adjoint_resident.
+void register_spectral(pybind11::module_& m);
+
 // set_shape_hint, shape_epoch, shape_hint_clear, route_explain.
 void register_hints(pybind11::module_& m);
 

@@ -12,6 +12,7 @@ PYBIND11_MODULE(_rocm, m) {
   ondrel::python::register_fourier(m);
   ondrel::python::register_stft(m);
   ondrel::python::register_istft(m);
+  ondrel::python::register_spectral(m);
   ondrel::python::register_features(m);
   ondrel::python::register_convolution(m);
   ondrel::python::register_conv_adjoint(m);
