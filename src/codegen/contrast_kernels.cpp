@@ -16,7 +16,7 @@ std::string big(int compute) { return compute == kDoubleCode ? "(double)1e308" :
 
 int64_t real_bytes(int compute) { return compute == kDoubleCode ? 8 : 4; }
 
-// tid, band, base, lo, nin, q and the band's sort row `pad`.
+// tid, band, base, and the band: first bin lo, width nin, count q.
 void band_ids(KernelWriter& w) {
   const Backend& b = w.backend;
   w.emit("int tid = $;", b.thread_x());
