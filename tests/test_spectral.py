@@ -73,7 +73,8 @@ def check(got, m, stat, prec, what, **scalars) -> None:
     running = np.cumsum(np.asarray(m, np.float64), -1)
     threshold = scalars.get("roll", 0.85) * running[..., -1]
     k = np.clip(np.minimum(got, ref) / fstep, 0, m.shape[-1] - 1).round().astype(int)
-    near = np.abs(np.take_along_axis(running, k[..., None], -1)[..., 0] - threshold) <= 10 * TOLERANCE[prec] * running[..., -1]
+    at_k = np.take_along_axis(running, k[..., None], -1)[..., 0]
+    near = np.abs(at_k - threshold) <= 10 * TOLERANCE[prec] * running[..., -1]
     assert ((diff <= stored) | ((diff <= fstep + stored) & near)).all(), where(what)
 
 

@@ -38,6 +38,21 @@ def stft_kernel_texts(
     length: int,
     shared_limit: int = 65536,
 ) -> list[tuple[str, str]]: ...
+def mel_kernel_texts(
+    n_fft: int,
+    hop: int,
+    center: bool,
+    n_mels: int,
+    power: float,
+    output: str,
+    eps: float,
+    window: str | list[float],
+    prec: int,
+    length: int,
+    shared_limit: int = 65536,
+) -> list[tuple[str, str]]: ...
+def db_kernel_texts(prec: int = 1) -> list[tuple[str, str]]: ...
+def griffinlim_kernel_texts(prec: int = 1) -> list[tuple[str, str]]: ...
 def spectral_kernel_texts(stat: int, prec: int = 1) -> list[tuple[str, str]]: ...
 def spectral_fused_kernel_texts(
     n_fft: int,

@@ -91,6 +91,82 @@ def istft_resident(
 ) -> None:
     """istft_staged between device addresses on `stream`; strides in complex elements (batch,
     bin, frame). prec 2 double, 1 float, 0 and 3 half data with float arithmetic."""
+def griffinlim_staged(
+    S: object,
+    ang: object,
+    window: object,
+    n_fft: int,
+    hop: int,
+    center: bool,
+    n_iter: int,
+    momentum: float,
+    length: int,
+) -> numpy.ndarray:
+    """Griffin-Lim phase recovery from magnitudes S (batch, frames, n_fft // 2 + 1) and
+    complex unit phases ang of the same shape: n_iter rounds of z = istft(S * ang),
+    Z = stft(z), ang = U / (|U| + 1e-16) with U = Z - alpha * (the last round's Z) and
+    alpha = momentum / (momentum + 1); then istft(S * ang) as (batch, length), or all the
+    samples the frames cover less the padding for length < 1. n_iter <= 0 inverts the
+    starting phases. float64 for float64 magnitudes, float32 otherwise."""
+def griffinlim_resident(
+    s_ptr: int,
+    ang_ptr: int,
+    y_ptr: int,
+    batch: int,
+    frames: int,
+    bins: int,
+    n_fft: int,
+    hop: int,
+    center: bool,
+    n_iter: int,
+    momentum: float,
+    length: int,
+    window: object,
+    prec: int,
+    device: int = 0,
+    stream: int = 0,
+) -> None:
+    """griffinlim_staged between device addresses on `stream`; ang (complex pairs) is
+    overwritten with the last phases. prec 2 double, 0 refused, anything else float."""
+def mel_staged(
+    y: object,
+    window: object,
+    fb: object,
+    n_fft: int,
+    hop: int,
+    center: bool,
+    power: float,
+    output: str,
+    eps: float = 1e-10,
+) -> numpy.ndarray:
+    """Mel spectrogram of a (batch, samples) array: the STFT of stft_staged (same framing,
+    window and padding), then per bin |X| where int(power) is 1 or |X|^2 for any power of
+    2 or more (below 1 is refused), then the band sums fb @ that with the (n_mels,
+    n_fft // 2 + 1) filterbank fb, stored as they are ('power' and other words), as their
+    square root ('magnitude') or as 10 log10(sum + eps) ('db'). Returns (batch, n_mels,
+    frames) as a transposed view of [batch][frame][band]; float64 for float64 input,
+    float32 otherwise. The filterbank is identified by every one of its bytes."""
+def mel_resident(
+    x_ptr: int,
+    mel_ptr: int,
+    batch: int,
+    length: int,
+    fb: object,
+    n_fft: int,
+    hop: int,
+    center: bool,
+    power: float,
+    output: str,
+    eps: float,
+    window: object,
+    prec: int,
+    device: int = 0,
+    stream: int = 0,
+) -> None:
+    """mel_staged between device addresses on `stream`, to [batch][frame][band] reals.
+    `fb` stays a host array; its device table is built on first use and kept for the
+    process. prec 2 double, 1 float, 0 half signal, weights and output with float
+    arithmetic, 3 like 0 with half arithmetic where n_fft is a power of two."""
 def spectral_staged(
     y: object,
     window: object,
@@ -244,6 +320,45 @@ def contrast_adjoint_resident(
     positions and the peak to the latest, the histogram shares a tied threshold's slots equally;
     a mean under amin passes nothing in decibels. prec 1 float, 2 double; half data raise
     ValueError."""
+def db_resident(
+    s_ptr: int,
+    out_ptr: int,
+    items: int,
+    n: int,
+    mul: float,
+    amin: float,
+    cref: float,
+    topdb: float,
+    hastop: bool,
+    prec: int,
+    device: int = 0,
+    stream: int = 0,
+) -> None:
+    """Decibels of items rows of n values: mul * log10(max(s, amin)) - cref; with hastop
+    each row is floored at its largest result less topdb. double for prec 2, float
+    otherwise (no half form)."""
+def db_inv_resident(
+    d_ptr: int, out_ptr: int, total: int, mul: float, ref: float, prec: int, device: int = 0, stream: int = 0
+) -> None:
+    """ref * 10^(d / mul) over total values; double for prec 2, float otherwise."""
+def db_adjoint_resident(
+    s_ptr: int,
+    g_ptr: int,
+    gs_ptr: int,
+    items: int,
+    n: int,
+    mul: float,
+    amin: float,
+    topdb: float,
+    hastop: bool,
+    prec: int,
+    device: int = 0,
+    stream: int = 0,
+) -> None:
+    """Gradient of db_resident with respect to s given g: g * mul / (ln 10 * s), 0 below
+    amin; with hastop the gradient of floored values goes to the row's peak (equal
+    shares among ties) and a value on the floor keeps half. Float or double (prec 2)
+    buffers; prec 0 is refused."""
 def rms_resident(
     x: int,
     out: int,

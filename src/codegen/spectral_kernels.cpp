@@ -3,6 +3,7 @@
 #include <vector>
 
 #include "codegen/prelude.hpp"
+#include "codegen/stft_body.hpp"
 #include "math/precision.hpp"
 
 namespace ondrel::codegen {
@@ -213,10 +214,11 @@ void fused_magnitudes(KernelWriter& w, const StftPlan& p, const std::string& buf
   w.emit("TG $* work = (TG $*)(sh_all + $) + (I64)f_local * ($);", t, t, scratch, words);
   w.emit("TG $* mag = work;", t);
   // Every frame slot writes its row, also past NFRAMES: barriers follow.
-  unpack_bins(w, p, buffer, [&](const std::string& k, const std::string& re, const std::string& im) {
-    return "{ " + t + " re = " + re + ", im = " + im + "; mag[" + k + "] = " + b.real_sqrt(p.prec, "re*re + im*im") +
-           "; }";
+  unpack_bins(w, p, buffer, [&](const std::string& re, const std::string& im) {
+    return "{ " + t + " re = " + re + ", im = " + im + "; mag[k] = " + b.real_sqrt(p.prec, "re*re + im*im") + "; }";
   });
+  const std::string x = nyquist_value(p, b, buffer);
+  w.emit("if (tid == 0) mag[NB - 1] = $;", b.real_sqrt(p.prec, "(" + x + ")*(" + x + ")"));
   w.sync();
 }
 

@@ -11,6 +11,7 @@
 #include "codegen/fused_cores.hpp"
 #include "codegen/macros.hpp"
 #include "codegen/prelude.hpp"
+#include "codegen/stft_body.hpp"
 #include "math/fft_schedule.hpp"
 
 namespace ondrel::codegen {
@@ -140,9 +141,11 @@ void store_spectrum(KernelWriter& w, const StftPlan& p, const std::string& buf) 
   const std::string t = b.real_type(p.prec);
   w.if_block("frame < NFRAMES", [&] {
     w.line("I64 ob = ((I64)batch*NFRAMES + frame) * NB;");
-    unpack_bins(w, p, buf, [&](const std::string& k, const std::string& re, const std::string& im) {
-      return store_text(b, p.mode, p.out_prec, t, "out[ob + " + k + "]", re, im);
+    unpack_bins(w, p, buf, [&](const std::string& re, const std::string& im) {
+      return store_text(b, p.mode, p.out_prec, t, "out[ob + k]", re, im);
     });
+    w.emit("if (tid == 0) $", store_text(b, p.mode, p.out_prec, t, format("out[ob + $]", {p.m()}),
+                                         nyquist_value(p, b, buf), "(" + t + ")0"));
   });
 }
 
@@ -161,8 +164,7 @@ void close_frame(KernelWriter& w, const StftPlan& plan, const std::string& buf, 
 
 // Cores 0, 1 and 3: F frames a block, TPF threads a frame.
 std::string fused_text(const StftPlan& p, const Backend& b, const FeatureHook& feature) {
-  std::string text = format("// ondrel rfft<$, EPT<$>, TPF<$>, FPB<$>> core=$\n", {p.n, p.ept, p.tpf, p.fpb, core_word(p.core)});
-  text += spectral_prelude(b, p.prec, p.n, p.pad);
+  std::string text = packed_comment(p) + spectral_prelude(b, p.prec, p.n, p.pad);
   text += define("NB", std::to_string(p.bins())) + define("F", std::to_string(p.fpb)) +
           define("TPF", std::to_string(p.tpf)) + eps_define(p.eps) + define("TWN", std::to_string(shared_twiddles(p)));
   text += shp_define_spectral(p.shp_shift) + stft_sig(p, b, p.fpb * p.tpf).head();
@@ -170,6 +172,44 @@ std::string fused_text(const StftPlan& p, const Backend& b, const FeatureHook& f
   KernelWriter w(p.prec, b);
   frame_ids_packed(w);
   w.emit("TG cplx* sh = sh_all + TWN + (long)f_local * $;", row_length(p));
+  packed_load_fft(w, p);
+  close_frame(w, p, "sh", feature);
+  return text + w.text() + "}\n";
+}
+
+// Core 2: one frame a block (two for odd n) on the mixed-radix passes.
+std::string mixed_text(const StftPlan& p, const Backend& b, const FeatureHook& feature) {
+  std::string text = mixed_prelude(p, b);
+  text += define("NB", std::to_string(p.bins())) + define("TPF", std::to_string(p.tpf)) + eps_define(p.eps);
+  text += shp_define(p.shp_on) + stft_sig(p, b, p.tpf).head();
+
+  KernelWriter w(p.prec, b);
+  const std::string buf = mixed_load_fft(w, p);
+  if (!p.paired) {
+    close_frame(w, p, buf, feature);
+    return text + w.text() + "}\n";
+  }
+  if (p.feature >= 0) throw std::logic_error("stft_text: features run on unpaired frames");
+  const std::string t = b.real_type(p.prec);
+  w.line("I64 obA = ((I64)batch*NFRAMES + fA) * NB;");
+  w.line("I64 obB = ((I64)batch*NFRAMES + fB) * NB;");
+  paired_bins(w, p, buf, [&] {
+    w.if_block("fA < NFRAMES", [&] { w.line(store_text(b, p.mode, p.out_prec, t, "out[obA + k]", "axr", "axi")); });
+    w.if_block("fB < NFRAMES", [&] { w.line(store_text(b, p.mode, p.out_prec, t, "out[obB + k]", "bxr", "bxi")); });
+  });
+  return text + w.text() + "}\n";
+}
+
+int32_t complex_size(int prec) { return prec == 0 ? 4 : prec == 2 ? 16 : 8; }
+
+}  // namespace
+
+std::string packed_comment(const StftPlan& p) {
+  return format("// ondrel rfft<$, EPT<$>, TPF<$>, FPB<$>> core=$\n", {p.n, p.ept, p.tpf, p.fpb, core_word(p.core)});
+}
+
+void packed_load_fft(KernelWriter& w, const StftPlan& p) {
+  const Backend& b = w.backend;
   w.emit("const DEV $* yb = y + (I64)batch * SIG_LEN;", b.real_type(p.in_prec));
   if (p.tw_table) {
     if (p.tw_global) {
@@ -191,20 +231,17 @@ std::string fused_text(const StftPlan& p, const Backend& b, const FeatureHook& f
   } else {
     ept16_core(w, fft, [&] { register_loads(w, l, "ar", "ai", [](int32_t e) { return format("k$", {e}); }); });
   }
-  close_frame(w, p, "sh", feature);
-  return text + w.text() + "}\n";
 }
 
-// Core 2: one frame a block (two for odd n) on the mixed-radix passes.
-std::string mixed_text(const StftPlan& p, const Backend& b, const FeatureHook& feature) {
+std::string mixed_prelude(const StftPlan& p, const Backend& b) {
+  return b.preamble(p.prec) + complex_prelude(b, p.prec) + refl_defines(p.pad);
+}
+
+std::string mixed_load_fft(KernelWriter& w, const StftPlan& p) {
+  const Backend& b = w.backend;
   const int32_t len = p.fft_length();
   int32_t rest = 1;
   const std::vector<int32_t> schedule = factor_schedule(len, rest, false);
-  std::string text = b.preamble(p.prec) + complex_prelude(b, p.prec) + refl_defines(p.pad);
-  text += define("NB", std::to_string(p.bins())) + define("TPF", std::to_string(p.tpf)) + eps_define(p.eps);
-  text += shp_define(p.shp_on) + stft_sig(p, b, p.tpf).head();
-
-  KernelWriter w(p.prec, b);
   add_fft_tables(w, p.prec, p.paired ? 2 * p.n : p.n, "tw", schedule);
   const Loads l = loads_of(p, b);
   const std::string t = l.t;
@@ -222,41 +259,22 @@ std::string mixed_text(const StftPlan& p, const Backend& b, const FeatureHook& f
       });
       w.emit("bufA[SHP($)] = cmk(v0, v1);", "i");
     });
-    w.sync();
-    close_frame(w, p, emit_stages(w, "bufA", len, schedule, p.tpf, false), feature);
-    return text + w.text() + "}\n";
+  } else {
+    w.emit("int fpair = $;", b.block_x());
+    w.line("int fA = 2*fpair, fB = 2*fpair + 1;");
+    w.emit("int batch = $;", b.block_y());
+    w.line("TG cplx* bufA = sh_all;");
+    w.emit("const DEV $* yb = y + (I64)batch * SIG_LEN;", b.real_type(p.in_prec));
+    w.for_range("i", "tid", len, "TPF", [&] {
+      w.emit("$ vA=($)0, vB=($)0;", t, t, t);
+      w.if_block("fA < NFRAMES", [&] { w.line(l.scalar("vA", "fA", "i", "i")); });
+      w.if_block("fB < NFRAMES", [&] { w.line(l.scalar("vB", "fB", "i", "i")); });
+      w.emit("bufA[SHP($)] = cmk(vA, vB);", "i");
+    });
   }
-  w.emit("int fpair = $;", b.block_x());
-  w.line("int fA = 2*fpair, fB = 2*fpair + 1;");
-  w.emit("int batch = $;", b.block_y());
-  w.line("TG cplx* bufA = sh_all;");
-  w.emit("const DEV $* yb = y + (I64)batch * SIG_LEN;", b.real_type(p.in_prec));
-  w.for_range("i", "tid", len, "TPF", [&] {
-    w.emit("$ vA=($)0, vB=($)0;", t, t, t);
-    w.if_block("fA < NFRAMES", [&] { w.line(l.scalar("vA", "fA", "i", "i")); });
-    w.if_block("fB < NFRAMES", [&] { w.line(l.scalar("vB", "fB", "i", "i")); });
-    w.emit("bufA[SHP($)] = cmk(vA, vB);", "i");
-  });
   w.sync();
-  const std::string buf = emit_stages(w, "bufA", len, schedule, p.tpf, false);
-  if (p.feature >= 0) throw std::logic_error("stft_text: features run on unpaired frames");
-  w.line("I64 obA = ((I64)batch*NFRAMES + fA) * NB;");
-  w.line("I64 obB = ((I64)batch*NFRAMES + fB) * NB;");
-  w.for_range("k", "tid", "NB", "TPF", [&] {
-    w.emit("cplx Zk = $[SHP($)];", buf, "k");
-    w.emit("cplx Znk = ($ == 0) ? $[0] : $[SHP($ - $)];", "k", buf, buf, p.n, "k");
-    w.emit("$ zkr=Zk.x, zki=Zk.y, znr=Znk.x, zni=Znk.y;", t);
-    w.emit("$ axr=($)0.5*(zkr+znr), axi=($)0.5*(zki-zni);", t, t, t);
-    w.emit("$ bxr=($)0.5*(zki+zni), bxi=($)0.5*(znr-zkr);", t, t, t);
-    w.if_block("fA < NFRAMES", [&] { w.line(store_text(b, p.mode, p.out_prec, t, "out[obA + k]", "axr", "axi")); });
-    w.if_block("fB < NFRAMES", [&] { w.line(store_text(b, p.mode, p.out_prec, t, "out[obB + k]", "bxr", "bxi")); });
-  });
-  return text + w.text() + "}\n";
+  return emit_stages(w, "bufA", len, schedule, p.tpf, false);
 }
-
-int32_t complex_size(int prec) { return prec == 0 ? 4 : prec == 2 ? 16 : 8; }
-
-}  // namespace
 
 void unpack_bins(KernelWriter& w, const StftPlan& p, const std::string& buf, const BinStatement& bin) {
   const std::string t = w.backend.real_type(p.prec);
@@ -269,9 +287,24 @@ void unpack_bins(KernelWriter& w, const StftPlan& p, const std::string& buf, con
     w.emit("$ dr = zkr - znr, di = zki + zni;", t);
     w.emit("$ xo_r = ($)0.5*di, xo_i = ($)(-0.5)*dr;", t, t, t);
     unpack_twiddle(w, p, t);
-    w.line(bin("k", "(" + t + ")(xer + wr*xo_r - wi*xo_i)", "(" + t + ")(xei + wr*xo_i + wi*xo_r)"));
+    w.line(bin("(" + t + ")(xer + wr*xo_r - wi*xo_i)", "(" + t + ")(xei + wr*xo_i + wi*xo_r)"));
   });
-  w.emit("if (tid == 0) $", bin(std::to_string(p.m()), format("($)($[0].x - $[0].y)", {t, buf, buf}), "(" + t + ")0"));
+}
+
+std::string nyquist_value(const StftPlan& p, const Backend& b, const std::string& buf) {
+  return format("($)($[0].x - $[0].y)", {b.real_type(p.prec), buf, buf});
+}
+
+void paired_bins(KernelWriter& w, const StftPlan& p, const std::string& buf, const std::function<void()>& stores) {
+  const std::string t = w.backend.real_type(p.prec);
+  w.for_range("k", "tid", "NB", "TPF", [&] {
+    w.emit("cplx Zk = $[SHP($)];", buf, "k");
+    w.emit("cplx Znk = ($ == 0) ? $[0] : $[SHP($ - $)];", "k", buf, buf, p.n, "k");
+    w.emit("$ zkr=Zk.x, zki=Zk.y, znr=Znk.x, zni=Znk.y;", t);
+    w.emit("$ axr=($)0.5*(zkr+znr), axi=($)0.5*(zki-zni);", t, t, t);
+    w.emit("$ bxr=($)0.5*(zki+zni), bxi=($)0.5*(znr-zkr);", t, t, t);
+    stores();
+  });
 }
 
 int64_t row_length(const StftPlan& plan) {

@@ -45,6 +45,11 @@ struct StftPlan {
   int window_kind = kWindowTable;
   int shp_shift = 4;
   bool shp_on = false;
+  // The mel spectrogram's: bands of the filterbank, cepstral coefficients
+  // of a fused DCT (0: none), and 1 for magnitudes, else squared magnitudes.
+  int32_t n_mels = 0;
+  int32_t ncep = 0;
+  int32_t power = 2;
 
   int32_t m() const { return n / 2; }
   int32_t bins() const { return n / 2 + 1; }
@@ -66,12 +71,6 @@ KernelParams stft_params(const StftPlan& plan, const Backend& backend);
 // the writer, the plan and the name of the buffer that holds the frame's
 // spectrum (natural order, behind a barrier) and owns the output.
 using FeatureHook = std::function<void(KernelWriter& w, const StftPlan& plan, const std::string& buffer)>;
-
-// The bin walk of cores 0, 1 and 3 over the frame's M-point spectrum in
-// `buf`: each thread's bins k, then the Nyquist bin by the frame's thread 0,
-// each as the statement `bin(index, re, im)` of index and value texts.
-using BinStatement = std::function<std::string(const std::string& index, const std::string& re, const std::string& im)>;
-void unpack_bins(KernelWriter& w, const StftPlan& plan, const std::string& buf, const BinStatement& bin);
 
 // The kernel text. Throws std::invalid_argument for a four-step plan, which
 // the operation routes to its staged path, and std::logic_error for a

@@ -25,6 +25,10 @@ FftOptions resident_options(bool inverse, int32_t prec, int32_t dev, uintptr_t s
 void register_stft(pybind11::module_& m);
 // istft_staged, istft_resident.
 void register_istft(pybind11::module_& m);
+// griffinlim_staged, griffinlim_resident.
+void register_griffinlim(pybind11::module_& m);
+// mel_staged, mel_resident.
+void register_mel(pybind11::module_& m);
 
 // spectral_staged, spectral_reduce_resident, spectral_signal_resident,
 // spectral_adjoint_resident, contrast_staged, contrast_reduce_resident,
@@ -36,6 +40,8 @@ void register_hints(pybind11::module_& m);
 
 // rms_resident ... tonnetz_staged: the small frame features, positional only.
 void register_features(pybind11::module_& m);
+// db_resident, db_inv_resident, db_adjoint_resident.
+void register_decibels(pybind11::module_& m);
 // conv_fft_staged, conv_fft_resident, conv_cplx_staged, conv_cplx_resident,
 // conv_direct_staged, conv_direct_resident: the convolutions.
 void register_convolution(pybind11::module_& m);

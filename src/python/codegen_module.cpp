@@ -15,6 +15,7 @@
 #include "cuda_like/ops/conv.hpp"
 #include "cuda_like/ops/conv_adjoint.hpp"
 #include "cuda_like/ops/conv_direct.hpp"
+#include "cuda_like/ops/decibels.hpp"
 #include "cuda_like/ops/fft.hpp"
 #include "cuda_like/ops/four_step.hpp"
 #include "cuda_like/ops/four_step_real.hpp"
@@ -22,6 +23,8 @@
 #include "cuda_like/ops/rfft.hpp"
 #include "cuda_like/ops/spectral.hpp"
 #include "cuda_like/ops/istft.hpp"
+#include "cuda_like/ops/mel.hpp"
+#include "cuda_like/ops/reconstruct.hpp"
 #include "cuda_like/ops/stft.hpp"
 #include "cuda_like/tune/tuned_table.hpp"
 
@@ -189,6 +192,40 @@ PYBIND11_MODULE(_codegen, m) {
       py::arg("prec"), py::arg("length"), py::arg("shared_limit") = 65536,
       "[(kernel key, text)] of the STFT's own kernels for this request on device 0: the fused kernel, or the frame "
       "and split (or output) kernels of the staged path, whose FFT the FFT listings give.");
+  m.def(
+      "mel_kernel_texts",
+      [](int32_t n_fft, int32_t hop, bool center, int32_t n_mels, double power, const std::string& output, double eps,
+         const py::object& window, int32_t prec, int64_t length, uint64_t shared_limit) {
+        const ondrel::WindowSpec spec = window_of(window);
+        // Only the filterbank's shape reaches a text.
+        const ondrel::FilterBank fb{nullptr, false, false, n_mels, n_fft / 2 + 1, 0};
+        ondrel::MelRequest r;
+        r.fb = &fb;
+        r.power = power;
+        r.stft.batch = 1;
+        r.stft.length = length;
+        r.stft.n_fft = n_fft;
+        r.stft.hop = hop;
+        r.stft.center = center;
+        r.stft.mode = ondrel::output_mode(output);
+        r.stft.eps = eps;
+        r.stft.window = &spec;
+        r.stft.prec = ondrel::precision_code(prec);
+        return texts(ondrel::mel_kernels(r, shared_limit));
+      },
+      py::arg("n_fft"), py::arg("hop"), py::arg("center"), py::arg("n_mels"), py::arg("power"), py::arg("output"),
+      py::arg("eps"), py::arg("window"), py::arg("prec"), py::arg("length"), py::arg("shared_limit") = 65536,
+      "[(kernel key, text)] of the mel spectrogram's own kernels for this request on device 0: ondrel_mel, or the "
+      "frame, split (or output) and band-sum kernels of the staged path, whose FFT the FFT listings give.");
+  m.def(
+      "db_kernel_texts", [](int32_t prec) { return texts(ondrel::db_kernels(prec)); }, py::arg("prec") = 1,
+      "[(kernel key, text)] of ondrel_db, ondrel_db_inv and ondrel_db_adj for precision code prec (2 double, "
+      "anything else float).");
+  m.def(
+      "griffinlim_kernel_texts", [](int32_t prec) { return texts(ondrel::griffinlim_kernels(prec == 2)); },
+      py::arg("prec") = 1,
+      "[(kernel key, text)] of Griffin-Lim's own kernels, ondrel_gl_mul and ondrel_gl_step (the transforms list "
+      "theirs).");
   m.def(
       "feature_kernel_texts",
       [](int32_t prec) { return texts(ondrel::feature_kernels(ondrel::precision_code(prec))); },

@@ -12,8 +12,11 @@ PYBIND11_MODULE(_rocm, m) {
   ondrel::python::register_fourier(m);
   ondrel::python::register_stft(m);
   ondrel::python::register_istft(m);
+  ondrel::python::register_griffinlim(m);
+  ondrel::python::register_mel(m);
   ondrel::python::register_spectral(m);
   ondrel::python::register_features(m);
+  ondrel::python::register_decibels(m);
   ondrel::python::register_convolution(m);
   ondrel::python::register_conv_adjoint(m);
   ondrel::python::register_lfilter(m);

@@ -46,7 +46,8 @@ py::object spectral_staged(const py::handle& y, const py::handle& window, int32_
   check_rank(a, 2, "expected a 2-D (batch, samples) array");
   check_spectral(stat, s);
   const WindowSpec spec = window_spec(window);
-  FeatureSignal sig = signal_of(a.shape(0), a.shape(1), spec, n_fft, hop, center, full_width(sizeof(T) == 8), 0, nullptr);
+  FeatureSignal sig =
+      signal_of(a.shape(0), a.shape(1), spec, n_fft, hop, center, full_width(sizeof(T) == 8), 0, nullptr);
   const int64_t frames = feature_frames(sig);
   return staged_call<T>(a, {a.shape(0), static_cast<py::ssize_t>(frames)}, Upload::pinned,
                         [&](const void* dx, void* dy) {
@@ -62,7 +63,8 @@ py::object contrast_staged(const py::handle& y, const py::handle& window, int32_
   const CArray<T> a = as_c_array<T>(y);
   check_rank(a, 2, "expected a 2-D (batch, samples) array");
   const WindowSpec spec = window_spec(window);
-  FeatureSignal sig = signal_of(a.shape(0), a.shape(1), spec, n_fft, hop, center, full_width(sizeof(T) == 8), 0, nullptr);
+  FeatureSignal sig =
+      signal_of(a.shape(0), a.shape(1), spec, n_fft, hop, center, full_width(sizeof(T) == 8), 0, nullptr);
   const auto frames = static_cast<py::ssize_t>(feature_frames(sig));
   const auto n_bands = static_cast<py::ssize_t>(bands.counts.size()), e = static_cast<py::ssize_t>(sizeof(T));
   // (batch, n_bands, frames) over memory (batch, frames, n_bands).
@@ -172,8 +174,8 @@ void register_spectral(py::module_& m) {
       py::arg("amin"), py::arg("linear"), py::arg("prec"), py::arg("device") = 0, py::arg("stream") = 0,
       "Spectral contrast (as contrast_staged) of `rows` rows of n magnitudes at m_ptr (rows, n) into out_ptr "
       "(rows, n_bands), enqueued on `stream`. Each band is sorted in shared memory where its row fits the "
-      "device's limit, else selected by a two-pass histogram exact to 1/65536 of the band's range. prec: 0 and "
-      "3 half data with single arithmetic, 1 single, 2 double.");
+      "device's limit, else selected exactly by 256-bin histograms over the bits of each value, summed in "
+      "single precision. prec: 0 and 3 half data with single arithmetic, 1 single, 2 double.");
   m.def(
       "contrast_signal_resident",
       [](uintptr_t x, uintptr_t out, int64_t batch, int64_t length, const py::object& window, int32_t n_fft,

@@ -3,10 +3,12 @@
 #include <algorithm>
 #include <stdexcept>
 
+#include "codegen/mel_kernels.hpp"
 #include "cuda_like/ops/bluestein.hpp"
 #include "cuda_like/ops/fft_route.hpp"
 #include "cuda_like/ops/four_step.hpp"
 #include "cuda_like/ops/istft.hpp"
+#include "cuda_like/ops/mel.hpp"
 #include "cuda_like/ops/stft_plan.hpp"
 #include "math/fft_schedule.hpp"
 #include "rocm/context.hpp"
@@ -62,12 +64,14 @@ void explain_spectral(RouteExplanation& e, int32_t prec, uint64_t shared_limit) 
   if (n < 2) throw std::invalid_argument(e.op + ": n_fft must be at least 2");
   const bool half_compute = prec == 3 && e.pow2;
   const int compute = prec == 2 ? 2 : half_compute ? 0 : 1;
-  const StftPlan p = build_stft_plan(compute, n, std::max(1, n / 4), n / 2, 8 * static_cast<int64_t>(n), 8, 0, 1e-10,
-                                     shared_limit, {});
+  StftPlan p = build_stft_plan(compute, n, std::max(1, n / 4), n / 2, 8 * static_cast<int64_t>(n), 8, 0, 1e-10,
+                               shared_limit, {});
+  // The mel kernel keeps power rows beside the FFT's: its own size test.
+  if (e.op == "mel") fit_mel_plan(p, 128, 2, shared_limit);
   e.core = stft_core_word(p.core);
   e.staged = p.core == codegen::kCoreFourStep;
   e.two_for_one = p.paired;
-  e.smem = codegen::shared_bytes(p);
+  e.smem = e.op == "mel" ? codegen::mel_shared_bytes(p) : codegen::shared_bytes(p);
   e.smem_cap = shared_limit;
   if (p.n1) {
     e.n1 = p.n1;

@@ -81,8 +81,8 @@ FusedFeature fused_of(int stat) {
 
 void check_spectral(int stat, const SpectralScalars& s) {
   if (stat < codegen::kCentroid || stat > codegen::kRolloff)
-    throw std::invalid_argument("spectral: stat must be 0 (centroid), 1 (bandwidth), 2 (flatness) or 3 (rolloff), got " +
-                                std::to_string(stat));
+    throw std::invalid_argument(
+        "spectral: stat must be 0 (centroid), 1 (bandwidth), 2 (flatness) or 3 (rolloff), got " + std::to_string(stat));
   if (stat == codegen::kBandwidth && !(s.p > 0))
     throw std::invalid_argument("spectral: p must be positive for the bandwidth, got " + std::to_string(s.p));
   if (stat == codegen::kFlatness && !(s.amin > 0))

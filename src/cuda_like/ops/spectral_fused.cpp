@@ -3,6 +3,7 @@
 #include <stdexcept>
 
 #include "codegen/backend.hpp"
+#include "cuda_like/ops/stft_steps.hpp"
 #include "cuda_like/tables/twiddles.hpp"
 #include "math/fft_schedule.hpp"
 #include "math/hashing.hpp"
@@ -27,12 +28,9 @@ struct FusedRecord {
 bool declines_at_once(const FeatureSignal& s) { return s.prec.half() || s.n_fft < 2 || !is_pow2(s.n_fft); }
 
 uint64_t record_key(const FeatureSignal& s, const FusedFeature& f) {
-  const uint64_t flags = (static_cast<uint64_t>(static_cast<uint32_t>(s.device)) << 8) |
-                         static_cast<uint64_t>(s.prec.storage) << 4 | static_cast<uint64_t>(s.prec.compute) << 1 |
-                         (s.center ? 1 : 0);
   uint64_t h = combine(0x5fe7, widen(s.n_fft));
   h = combine(h, widen(s.hop));
-  h = combine(h, flags);
+  h = combine(h, flag_word(magnitude_request(s, nullptr)));
   h = combine(h, s.window->hash);
   h = combine(h, static_cast<uint64_t>(s.length));
   h = combine(h, static_cast<uint64_t>(f.feature));
@@ -55,7 +53,7 @@ bool run_in(const FeatureSignal& s, const FusedFeature& f, const FeatureArgs& a)
         rec.fused = true;
         rec.kernel = compiled(fused_feature_kernel(*p, f, device), device);
         rec.kernel.table = twiddle_device<T>(TwiddleKind::stft, s.n_fft);
-        rec.window = window_device<T>(*s.window, s.n_fft);
+        rec.window = window_table(magnitude_request(s, nullptr));
         rec.frames = static_cast<int32_t>(frames);
         rec.grid_x = rec.kernel.row_blocks(frames);
         return rec;
@@ -101,14 +99,12 @@ StftRequest magnitude_request(const FeatureSignal& s, void* out) {
   return r;
 }
 
-int64_t feature_frames(const FeatureSignal& s) { return stft_frames(magnitude_request(s, nullptr)); }
+int64_t feature_frames(const FeatureSignal& s) { return checked_frames(magnitude_request(s, nullptr), "stft"); }
 
 std::optional<StftPlan> fused_feature_plan(const FeatureSignal& s, const FusedFeature& f, uint64_t shared_limit) {
   if (declines_at_once(s)) return std::nullopt;
-  static const TuneEntry untuned{};
-  StftRequest r = magnitude_request(s, nullptr);
-  r.knobs = &untuned;
-  StftPlan p = stft_plan_of(r, feature_frames(s), shared_limit);
+  const StftRequest r = magnitude_request(s, nullptr);
+  StftPlan p = spectral_plan(r, checked_frames(r, "stft"), shared_limit, TuneEntry{});
   if (p.core == codegen::kCoreFourStep) return std::nullopt;
   p.feature = f.feature;
   p.feature_extra = f.extra;

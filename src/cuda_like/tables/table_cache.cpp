@@ -1,6 +1,7 @@
 #include "cuda_like/tables/table_cache.hpp"
 
 #include <algorithm>
+#include <bit>
 #include <cstdio>
 #include <cstring>
 #include <mutex>
@@ -58,17 +59,23 @@ void* table_by_hash(uint64_t key, const std::function<void*()>& builder) {
   return p;
 }
 
-uint64_t content_hash(const double* data, int64_t rows, int64_t cols) {
-  const uint64_t count = static_cast<uint64_t>(rows) * static_cast<uint64_t>(cols);
-  const uint64_t bytes = 8 * count;
-  uint64_t h = fnv1a(data, std::min<uint64_t>(bytes, 4096));
+uint64_t content_hash(const void* data, size_t bytes) {
+  const auto* p = static_cast<const unsigned char*>(data);
+  uint64_t h = fnv1a(p, std::min<size_t>(bytes, 4096));
   if (bytes > 4096) {
-    const uint64_t step = count < 512 ? 1 : count >> 9;
-    for (uint64_t i = 0; i < count; i += step) {
-      uint64_t word;
-      std::memcpy(&word, data + i, 8);
-      h = combine(h, word);
-    }
+    constexpr uint64_t kMix = 0x9fb21c651e98df25ULL;
+    constexpr int kLanes = 8;  // enough to keep the multiplier busy
+    uint64_t lane[kLanes];
+    for (int j = 0; j < kLanes; ++j) lane[j] = h ^ static_cast<uint64_t>(j);
+    size_t i = 4096;
+    for (; i + 8 * kLanes <= bytes; i += 8 * kLanes)
+      for (int j = 0; j < kLanes; ++j) {
+        uint64_t word;
+        std::memcpy(&word, p + i + 8 * j, 8);
+        lane[j] = std::rotl((lane[j] ^ word) * kMix, 29);
+      }
+    for (; i < bytes; ++i) lane[0] = (lane[0] ^ p[i]) * kFnvPrime;
+    for (const uint64_t l : lane) h = combine(h, l * kMix);
   }
   return combine(h, bytes);
 }

@@ -30,9 +30,11 @@ void* table_by_name(const std::string& key, const std::vector<V>& vec) {
 // before the table is published, so kernels on any stream see it complete.
 void* table_by_hash(uint64_t key, const std::function<void*()>& builder);
 
-// A fast hash of a large double matrix: every byte of the first 4 KiB, then
-// a sample of at most about 512 words.
-uint64_t content_hash(const double* data, int64_t rows, int64_t cols);
+// The identity of a large table of the caller's (a filterbank, a basis):
+// FNV-1a over the first 4 KiB, then every further 8-byte word in eight
+// lanes that run side by side. No
+// byte is skipped: two tables that differ anywhere must never share a key.
+uint64_t content_hash(const void* data, size_t bytes);
 
 // Text keys. `real_bytes` is 8 in the double instantiation and 4 in the float one.
 std::string twiddle_key(char kind, int32_t n, size_t entries, size_t real_bytes);

@@ -4,8 +4,10 @@
 #include <complex>
 #include <cstring>
 #include <random>
+#include <utility>
 #include <vector>
 
+#include "cuda_like/tables/mel_table.hpp"
 #include "cuda_like/tables/table_cache.hpp"
 #include "cuda_like/tables/twiddles.hpp"
 #include "cuda_like/tables/windows.hpp"
@@ -132,22 +134,47 @@ TEST(TwiddleKinds, FloatTablesAreOneZero) {
   EXPECT_EQ(table_by_name(twiddle_key('f', 720, 720, 8), nullptr, 0), d);
 }
 
-TEST(ContentHash, SamplesEveryWordOf513) {
-  std::vector<double> m(513, 1.0);
-  const uint64_t h = content_hash(m.data(), 1, 513);
-  m[512] = 2.0;  // beyond the first 4096 bytes
-  EXPECT_NE(content_hash(m.data(), 1, 513), h);
-  m[512] = 1.0;
-  EXPECT_EQ(content_hash(m.data(), 513, 1), h);
-  std::vector<double> big(4096, 1.0);
-  const uint64_t hb = content_hash(big.data(), 64, 64);
-  big[1000] = 5.0;  // step 8: index 1000 is sampled, 1001 is not
-  EXPECT_NE(content_hash(big.data(), 64, 64), hb);
-  big[1000] = 1.0;
-  big[1001] = 5.0;
-  EXPECT_EQ(content_hash(big.data(), 64, 64), hb);
+TEST(ContentHash, EveryByteCounts) {
+  std::vector<double> big(4096 + 3, 1.0);
+  const size_t bytes = big.size() * sizeof(double);
+  const uint64_t h = content_hash(big.data(), bytes);
+  // Each position past the first 4 KiB in turn, the odd tail included.
+  for (size_t i : {size_t{512}, size_t{1001}, size_t{1002}, size_t{4097}, big.size() - 1}) {
+    big[i] = 1.0 + 1e-15;
+    EXPECT_NE(content_hash(big.data(), bytes), h) << i;
+    big[i] = 1.0;
+  }
+  EXPECT_EQ(content_hash(big.data(), bytes), h);
+  // Two words exchanged between lanes are a different table.
+  big[600] = 2.0;
+  const uint64_t a = content_hash(big.data(), bytes);
+  std::swap(big[600], big[601]);
+  EXPECT_NE(content_hash(big.data(), bytes), a);
   std::vector<double> small{1.0, 2.0};
-  EXPECT_EQ(content_hash(small.data(), 1, 2), combine(fnv1a(small.data(), 16), 16));
+  EXPECT_EQ(content_hash(small.data(), 16), combine(fnv1a(small.data(), 16), 16));
+}
+
+TEST(MelTable, SpansAndTheBandsOverEachBin) {
+  // Band 0 empty; band 1 with an interior zero; bin 3 under bands 1, 2 and 3.
+  const std::vector<double> rows{0, 0, 0, 0, 0,  //
+                                 0, 1, 0, 2, 0,  //
+                                 0, 0, 0, 3, 4,  //
+                                 0, 0, 0, 5, 0};
+  const MelTable t = build_mel_table(filter_bank(rows.data(), false, false, 4, 5));
+  EXPECT_EQ(t.lo, (std::vector<int32_t>{0, 1, 3, 3}));
+  EXPECT_EQ(t.off, (std::vector<int32_t>{0, 0, 3, 5, 6}));
+  EXPECT_EQ(t.w, (std::vector<double>{1, 0, 2, 3, 4, 5}));
+  EXPECT_EQ(t.b0, (std::vector<int32_t>{-1, 1, -1, 1, 2}));
+  EXPECT_EQ(t.b1, (std::vector<int32_t>{-1, -1, -1, 3, -1}));  // the last of three
+  EXPECT_EQ(t.w1, (std::vector<double>{0, 0, 0, 5, 0}));
+  // The same bank laid out column by column, and in float32, reads alike
+  // but is known by another hash.
+  std::vector<float> columns(20);
+  for (int m = 0; m < 4; ++m)
+    for (int k = 0; k < 5; ++k) columns[k * 4 + m] = static_cast<float>(rows[m * 5 + k]);
+  const FilterBank f = filter_bank(columns.data(), true, true, 4, 5);
+  EXPECT_EQ(build_mel_table(f).w, t.w);
+  EXPECT_NE(f.hash, filter_bank(rows.data(), false, false, 4, 5).hash);
 }
 
 TEST(Windows, NamesHashesAndTexts) {

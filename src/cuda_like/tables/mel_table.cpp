@@ -1,0 +1,109 @@
+#include "cuda_like/tables/mel_table.hpp"
+
+#include <cstdio>
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+
+#include "cuda_like/tables/table_cache.hpp"
+#include "math/half.hpp"
+#include "math/hashing.hpp"
+#include "rocm/context.hpp"
+
+namespace ondrel {
+
+namespace {
+
+std::unordered_map<uint64_t, MelDevice>& uploaded() {
+  static std::unordered_map<uint64_t, MelDevice> m;
+  return m;
+}
+
+template <class W>
+std::vector<W> converted(const std::vector<double>& values) {
+  return std::vector<W>(values.begin(), values.end());
+}
+
+template <class W>
+MelDevice upload(const MelTable& t, const std::string& stem) {
+  MelDevice d;
+  d.lo = table_by_name(stem + "_lo", t.lo);
+  d.off = table_by_name(stem + "_off", t.off);
+  d.b0 = table_by_name(stem + "_b0", t.b0);
+  d.b1 = table_by_name(stem + "_b1", t.b1);
+  d.w = table_by_name(stem + "_w", converted<W>(t.w));
+  d.w0 = table_by_name(stem + "_w0", converted<W>(t.w0));
+  d.w1 = table_by_name(stem + "_w1", converted<W>(t.w1));
+  return d;
+}
+
+}  // namespace
+
+double FilterBank::at(int64_t m, int64_t k) const {
+  const int64_t i = column_major ? k * n_mels + m : m * bins + k;
+  if (single) return static_cast<const float*>(data)[i];
+  return static_cast<const double*>(data)[i];
+}
+
+FilterBank filter_bank(const void* data, bool single, bool column_major, int32_t n_mels, int32_t bins) {
+  const size_t bytes = static_cast<size_t>(n_mels) * static_cast<size_t>(bins) * (single ? 4 : 8);
+  FilterBank fb{data, single, column_major, n_mels, bins, 0};
+  fb.hash = combine(combine(content_hash(data, bytes), widen(n_mels)), (single ? 4 : 8) + (column_major ? 1 : 0));
+  return fb;
+}
+
+MelTable build_mel_table(const FilterBank& fb) {
+  MelTable t;
+  t.lo.assign(fb.n_mels, 0);
+  t.off.assign(fb.n_mels + 1, 0);
+  t.b0.assign(fb.bins, -1);
+  t.b1.assign(fb.bins, -1);
+  t.w0.assign(fb.bins, 0.0);
+  t.w1.assign(fb.bins, 0.0);
+  for (int32_t m = 0; m < fb.n_mels; ++m) {
+    int32_t first = -1, last = -1;
+    for (int32_t k = 0; k < fb.bins; ++k)
+      if (fb.at(m, k) != 0.0) {
+        if (first < 0) first = k;
+        last = k;
+      }
+    if (first >= 0) {
+      t.lo[m] = first;
+      for (int32_t k = first; k <= last; ++k) {
+        const double v = fb.at(m, k);
+        t.w.push_back(v);
+        if (v == 0.0) continue;
+        if (t.b0[k] < 0) {
+          t.b0[k] = m;
+          t.w0[k] = v;
+        } else {
+          t.b1[k] = m;
+          t.w1[k] = v;
+        }
+      }
+    }
+    t.off[m + 1] = static_cast<int32_t>(t.w.size());
+  }
+  return t;
+}
+
+template <class T>
+MelDevice mel_device(const FilterBank& fb, int32_t n_fft, bool half) {
+  const uint64_t key = combine(combine(combine(combine(136, fb.hash), widen(n_fft)), sizeof(T)), half ? 1 : 0);
+  // Held across the scan and the uploads, so that a filterbank is compacted once.
+  std::lock_guard lock(context_mutex());
+  if (auto it = uploaded().find(key); it != uploaded().end()) return it->second;
+  char stem[64];
+  std::snprintf(stem, sizeof stem, "fbt_%016llx_%d_%d_%zu_%d", static_cast<unsigned long long>(key), fb.n_mels,
+                n_fft, sizeof(T), half ? 1 : 0);
+  const MelTable table = build_mel_table(fb);
+  const MelDevice d = half ? upload<Half>(table, stem) : upload<T>(table, stem);
+  uploaded().emplace(key, d);
+  return d;
+}
+
+template MelDevice mel_device<float>(const FilterBank&, int32_t, bool);
+template MelDevice mel_device<double>(const FilterBank&, int32_t, bool);
+
+}  // namespace ondrel
