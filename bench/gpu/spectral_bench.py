@@ -79,3 +79,36 @@ def host_timer(repeats: int):
         return statistics.median(times)
 
     return timed
+
+
+class HostDevice:
+    """Device blocks through the HIP library the package chose, for resident
+    calls where no framework is at hand (the CPU runtime's smoke runs)."""
+
+    def __init__(self):
+        import ctypes
+        import os
+
+        self.ct = ctypes
+        self.lib = ctypes.CDLL(os.environ.get("ONDREL_HIP_PATH") or "libamdhip64.so")
+        self.blocks = []
+
+    def put(self, host: np.ndarray) -> int:
+        ct = self.ct
+        host = np.ascontiguousarray(host)
+        ptr = ct.c_void_p()
+        if self.lib.hipMalloc(ct.byref(ptr), ct.c_size_t(max(host.nbytes, 1))) != 0:
+            raise MemoryError("hipMalloc failed")
+        self.blocks.append(ptr.value)
+        self.lib.hipMemcpyHtoD(ct.c_void_p(ptr.value), host.ctypes.data_as(ct.c_void_p), ct.c_size_t(host.nbytes))
+        return ptr.value
+
+    def get(self, ptr: int, shape, dtype) -> np.ndarray:
+        out = np.empty(shape, dtype)
+        self.lib.hipMemcpyDtoH(out.ctypes.data_as(self.ct.c_void_p), self.ct.c_void_p(ptr),
+                               self.ct.c_size_t(out.nbytes))
+        return out
+
+    def __del__(self):
+        for ptr in self.blocks:
+            self.lib.hipFree(self.ct.c_void_p(ptr))

@@ -86,3 +86,37 @@ def lfilter_kernel_texts(
 def istft_kernel_texts(
     n_fft: int, hop: int, center: bool, window: str | list[float], prec: int, frames: int, shared_limit: int = 65536
 ) -> list[tuple[str, str]]: ...
+def stft_adjoint_kernel_texts(
+    n_fft: int,
+    hop: int,
+    center: bool,
+    output: str,
+    eps: float,
+    window: str | list[float],
+    prec: int,
+    length: int,
+    shared_limit: int = 65536,
+) -> list[tuple[str, str]]: ...
+def istft_adjoint_kernel_texts(
+    n_fft: int,
+    hop: int,
+    center: bool,
+    window: str | list[float],
+    prec: int,
+    length: int,
+    frames: int,
+    shared_limit: int = 65536,
+) -> list[tuple[str, str]]: ...
+def mel_adjoint_kernel_texts(
+    fb: object,
+    n_fft: int,
+    hop: int,
+    center: bool,
+    power: float,
+    output: str,
+    eps: float,
+    window: str | list[float],
+    prec: int,
+    length: int,
+    shared_limit: int = 65536,
+) -> list[tuple[str, str]]: ...

@@ -62,6 +62,56 @@ def set_shape_hint(
 def shape_epoch() -> int: ...
 def shape_hint_clear() -> None: ...
 def route_explain(op: str, n_fft: int, prec: int, device: int = 0) -> dict[str, object]: ...
+def stft_adjoint_resident(
+    g_ptr: int,
+    gx_ptr: int,
+    batch: int,
+    bins: int,
+    frames: int,
+    stride_batch: int,
+    stride_bin: int,
+    stride_frame: int,
+    n_fft: int,
+    hop: int,
+    center: bool,
+    length: int,
+    window: object,
+    prec: int,
+    device: int = 0,
+    stream: int = 0,
+) -> None:
+    """Transpose of stft_resident with output 'complex': the complex gradient on the
+    (batch, n_fft // 2 + 1 bins, frames) spectrogram, read through element strides
+    (batch, bin, frame), to the real gradient on the batch x length signal, every element
+    written (0 where no frame reads a sample). The reflect padding of `center` is folded
+    back. Atomic overlap-add unless set_deterministic(1), which makes repeated calls
+    bit-identical. prec 2 double, 0 refused, anything else float."""
+def stft_adjoint_mode_resident(
+    g_ptr: int,
+    x_ptr: int,
+    gx_ptr: int,
+    batch: int,
+    bins: int,
+    frames: int,
+    stride_batch: int,
+    stride_bin: int,
+    stride_frame: int,
+    n_fft: int,
+    hop: int,
+    center: bool,
+    length: int,
+    output: str,
+    eps: float,
+    window: object,
+    prec: int,
+    device: int = 0,
+    stream: int = 0,
+) -> None:
+    """Gradient through stft_resident's 'magnitude', 'power' or 'db' output: the real
+    gradient g on the spectrogram (strides as stft_adjoint_resident) to the gradient on the
+    batch x length signal x, which the call reads to recompute the spectrum. A bin of
+    magnitude at most 1e-12 passes no gradient through 'magnitude'. prec 2 double, 0
+    refused, anything else float."""
 def istft_staged(
     Z: object, window: object, n_fft: int, hop: int, center: bool, length: int = -1
 ) -> numpy.ndarray:
@@ -91,6 +141,24 @@ def istft_resident(
 ) -> None:
     """istft_staged between device addresses on `stream`; strides in complex elements (batch,
     bin, frame). prec 2 double, 1 float, 0 and 3 half data with float arithmetic."""
+def istft_adjoint_resident(
+    gy_ptr: int,
+    gz_ptr: int,
+    batch: int,
+    length: int,
+    n_fft: int,
+    hop: int,
+    center: bool,
+    frames: int,
+    window: object,
+    prec: int,
+    device: int = 0,
+    stream: int = 0,
+) -> None:
+    """Transpose of istft_resident: the gradient on its batch x length output to the
+    gradient on the dense (batch, frames, n_fft // 2 + 1) complex spectrogram, every element
+    written; the imaginary parts of bins 0 and n_fft / 2 (even n_fft), which the inverse
+    ignores, get 0. prec 2 double, 0 refused, anything else float."""
 def griffinlim_staged(
     S: object,
     ang: object,
@@ -167,6 +235,33 @@ def mel_resident(
     `fb` stays a host array; its device table is built on first use and kept for the
     process. prec 2 double, 1 float, 0 half signal, weights and output with float
     arithmetic, 3 like 0 with half arithmetic where n_fft is a power of two."""
+def mel_adjoint_resident(
+    g_ptr: int,
+    x_ptr: int,
+    gx_ptr: int,
+    batch: int,
+    n_mels: int,
+    frames: int,
+    stride_batch: int,
+    stride_bin: int,
+    stride_frame: int,
+    fb: object,
+    n_fft: int,
+    hop: int,
+    center: bool,
+    length: int,
+    power: float,
+    output: str,
+    eps: float,
+    window: object,
+    prec: int,
+    device: int = 0,
+    stream: int = 0,
+) -> None:
+    """Gradient of mel_resident with respect to its batch x length signal x (read to
+    recompute the spectrum): g on the bands, through element strides (batch, band, frame),
+    to gx, every element written. power, output and eps as in the forward; exact for every
+    filterbank. prec 2 double, 0 refused, anything else float."""
 def spectral_staged(
     y: object,
     window: object,

@@ -153,6 +153,13 @@ KernelParams strided_params(const IstftPlan& p, const Backend& b, bool table) {
 
 }  // namespace
 
+void covering_frames(KernelWriter& w, const std::string& pos, int32_t n, int32_t hop) {
+  // The first frame that reaches pos is the first with t * hop > pos - n: a
+  // frame starting exactly n before pos ends one sample short of it.
+  w.emit("int t0 = (int)(($ - $ + $) / $); if (t0 < 0) t0 = 0;", pos, n, hop, hop);
+  w.emit("int t1 = (int)($ / $); if (t1 > NF-1) t1 = NF-1;", pos, hop);
+}
+
 uint64_t istft_shared_bytes(const IstftPlan& plan) {
   return static_cast<uint64_t>(fft_row_elements(plan.fft_length(), false)) * (plan.prec == 2 ? 16 : 8);
 }
@@ -206,10 +213,7 @@ std::string istft_normalize_kernel(const IstftPlan& p, bool frame_rows, const Ba
   w.emit("int batch = $;", b.block_y());
   w.line("if (i >= L) return;");
   w.line("I64 p = (I64)pad + i;");
-  // The first frame that reaches p is the first with t * hop > p - n: a
-  // frame starting exactly n before p ends one sample short of it.
-  w.emit("int t0 = (int)((p - $ + $) / $); if (t0 < 0) t0 = 0;", p.n, p.hop, p.hop);
-  w.emit("int t1 = (int)(p / $); if (t1 > NF-1) t1 = NF-1;", p.hop);
+  covering_frames(w, "p", p.n, p.hop);
   w.emit("$ env=($)0;", t, t);
   if (frame_rows) w.emit("$ acc=($)0;", t, t);
   w.line("for (int t=t0; t<=t1; ++t) {");

@@ -11,6 +11,7 @@
 
 #include "codegen/backend.hpp"
 #include "codegen/kernel_sig.hpp"
+#include "codegen/kernel_writer.hpp"
 
 namespace ondrel::codegen {
 
@@ -31,6 +32,10 @@ struct IstftPlan {
 
 // Shared bytes of `istft_frames`: its FFT row with the Rader scratch.
 uint64_t istft_shared_bytes(const IstftPlan& plan);
+
+// `t0` and `t1`: the first and the last of NF frames of n samples every
+// hop that cover the padded position `pos` (an I64 expression).
+void covering_frames(KernelWriter& w, const std::string& pos, int32_t n, int32_t hop);
 
 // "istft_frames(Z, yraw, win, twg, NF, out_len, sb, sk, st)".
 KernelParams istft_frames_params(const IstftPlan& plan, const Backend& backend);

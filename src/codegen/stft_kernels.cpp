@@ -1,5 +1,6 @@
 #include "codegen/stft_kernels.hpp"
 
+#include <iomanip>
 #include <numbers>
 #include <sstream>
 #include <stdexcept>
@@ -384,6 +385,12 @@ std::string window_value(const Backend& backend, int prec, int32_t n, int window
 std::string eps_define(double eps) {
   std::ostringstream os;
   os << eps;
+  // Six digits where they give eps back exactly, else as many as it takes:
+  // a kernel must add the caller's eps, not a neighbour of it.
+  if (std::stod(os.str()) != eps) {
+    os.str("");
+    os << std::setprecision(17) << eps;
+  }
   return define("EPS", os.str());
 }
 

@@ -86,7 +86,8 @@ std::string store_text(const Backend& backend, int mode, int out_prec, const std
 // the table `win`, or for the computed kinds the periodic window itself.
 std::string window_value(const Backend& backend, int prec, int32_t n, int window_kind, const std::string& j);
 
-// "#define EPS" with the value as the kernels print it: six significant digits.
+// "#define EPS" with the value as the kernels print it: six significant
+// digits, or seventeen where six would not give the value back.
 std::string eps_define(double eps);
 
 }  // namespace ondrel::codegen

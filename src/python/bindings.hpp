@@ -23,12 +23,18 @@ FftOptions resident_options(bool inverse, int32_t prec, int32_t dev, uintptr_t s
 
 // stft_staged, stft_resident.
 void register_stft(pybind11::module_& m);
+// stft_adjoint_resident, stft_adjoint_mode_resident.
+void register_stft_adjoints(pybind11::module_& m);
 // istft_staged, istft_resident.
 void register_istft(pybind11::module_& m);
+// istft_adjoint_resident.
+void register_istft_adjoint(pybind11::module_& m);
 // griffinlim_staged, griffinlim_resident.
 void register_griffinlim(pybind11::module_& m);
 // mel_staged, mel_resident.
 void register_mel(pybind11::module_& m);
+// mel_adjoint_resident.
+void register_mel_adjoint(pybind11::module_& m);
 
 // spectral_staged, spectral_reduce_resident, spectral_signal_resident,
 // spectral_adjoint_resident, contrast_staged, contrast_reduce_resident,

@@ -1,5 +1,6 @@
 // ondrel._codegen: kernel texts for reading, without a device. The demo
 // prints one; nothing here compiles or launches.
+#include <pybind11/numpy.h>
 #include <pybind11/pybind11.h>
 
 #include <pybind11/stl.h>
@@ -9,6 +10,7 @@
 #include "codegen/backend.hpp"
 #include "codegen/fused_cores.hpp"
 #include "codegen/sample_kernel.hpp"
+#include "cuda_like/ops/adjoint.hpp"
 #include "cuda_like/ops/bluestein.hpp"
 #include "cuda_like/ops/features.hpp"
 #include "cuda_like/ops/contrast.hpp"
@@ -24,6 +26,7 @@
 #include "cuda_like/ops/spectral.hpp"
 #include "cuda_like/ops/istft.hpp"
 #include "cuda_like/ops/mel.hpp"
+#include "cuda_like/ops/mel_adjoint.hpp"
 #include "cuda_like/ops/reconstruct.hpp"
 #include "cuda_like/ops/stft.hpp"
 #include "cuda_like/tune/tuned_table.hpp"
@@ -48,6 +51,13 @@ ondrel::RouteQuery route_query(int32_t n, int32_t prec, bool inverse, uint64_t s
 ondrel::WindowSpec window_of(const py::object& window) {
   if (py::isinstance<py::str>(window)) return ondrel::named_window(window.cast<std::string>());
   return ondrel::array_window(window.cast<std::vector<double>>());
+}
+
+// An adjoint's precision code: 2 double, anything else float (the calls
+// refuse 0 before any text is made).
+bool adjoint_double(int32_t prec) {
+  if (prec == 0) throw py::value_error("adjoint: half gradients compute in f32; upcast the tensors");
+  return prec == 2;
 }
 
 py::list texts(const std::vector<ondrel::KernelPlan>& plans) {
@@ -325,4 +335,76 @@ PYBIND11_MODULE(_codegen, m) {
       "[(kernel key, text)] of the inverse STFT's own kernels on device 0 under the present deterministic switch: "
       "istft_frames and istft_normalize, or the staged pack (gather), window scale and normalisation, whose "
       "inverse FFT the FFT listings give.");
+  m.def(
+      "stft_adjoint_kernel_texts",
+      [](int32_t n_fft, int32_t hop, bool center, const std::string& output, double eps, const py::object& window,
+         int32_t prec, int64_t length, uint64_t shared_limit) {
+        const ondrel::WindowSpec spec = window_of(window);
+        ondrel::StftAdjointRequest r;
+        r.batch = 1;
+        r.bins = n_fft / 2 + 1;
+        r.length = length;
+        r.n_fft = n_fft;
+        r.hop = hop;
+        r.center = center;
+        r.mode = ondrel::output_mode(output);
+        r.eps = eps;
+        r.window = &spec;
+        r.is_double = adjoint_double(prec);
+        return texts(ondrel::stft_adjoint_kernels(r, shared_limit));
+      },
+      py::arg("n_fft"), py::arg("hop"), py::arg("center"), py::arg("output"), py::arg("eps"), py::arg("window"),
+      py::arg("prec"), py::arg("length"), py::arg("shared_limit") = 65536,
+      "[(kernel key, text)] of what stft_adjoint_resident (output 'complex') or stft_adjoint_mode_resident "
+      "compiles for its own steps on device 0 under the present deterministic switch; the staged route's FFTs "
+      "are in the FFT listings.");
+  m.def(
+      "istft_adjoint_kernel_texts",
+      [](int32_t n_fft, int32_t hop, bool center, const py::object& window, int32_t prec, int64_t length,
+         int64_t frames, uint64_t shared_limit) {
+        const ondrel::WindowSpec spec = window_of(window);
+        ondrel::IstftAdjointRequest r;
+        r.batch = 1;
+        r.length = length;
+        r.frames = frames;
+        r.n_fft = n_fft;
+        r.hop = hop;
+        r.center = center;
+        r.window = &spec;
+        r.is_double = adjoint_double(prec);
+        return texts(ondrel::istft_adjoint_kernels(r, shared_limit));
+      },
+      py::arg("n_fft"), py::arg("hop"), py::arg("center"), py::arg("window"), py::arg("prec"), py::arg("length"),
+      py::arg("frames"), py::arg("shared_limit") = 65536,
+      "[(kernel key, text)] of what istft_adjoint_resident compiles for its own steps on device 0 under the "
+      "present deterministic switch.");
+  m.def(
+      "mel_adjoint_kernel_texts",
+      [](const py::array_t<double, py::array::c_style | py::array::forcecast>& fb, int32_t n_fft, int32_t hop,
+         bool center, double power, const std::string& output, double eps, const py::object& window, int32_t prec,
+         int64_t length, uint64_t shared_limit) {
+        if (fb.ndim() != 2) throw py::value_error("mel: the filterbank must be a 2-D (n_mels, bins) array");
+        const ondrel::WindowSpec spec = window_of(window);
+        const ondrel::FilterBank bank = ondrel::filter_bank(fb.data(), false, false, static_cast<int32_t>(fb.shape(0)),
+                                                            static_cast<int32_t>(fb.shape(1)));
+        ondrel::MelAdjointRequest r;
+        r.batch = 1;
+        r.n_mels = bank.n_mels;
+        r.frames = 1;
+        r.fb = &bank;
+        r.n_fft = n_fft;
+        r.hop = hop;
+        r.center = center;
+        r.length = length;
+        r.power = power;
+        r.mode = ondrel::output_mode(output);
+        r.eps = eps;
+        r.window = &spec;
+        r.is_double = adjoint_double(prec);
+        return texts(ondrel::mel_adjoint_kernels(r, shared_limit));
+      },
+      py::arg("fb"), py::arg("n_fft"), py::arg("hop"), py::arg("center"), py::arg("power"), py::arg("output"),
+      py::arg("eps"), py::arg("window"), py::arg("prec"), py::arg("length"), py::arg("shared_limit") = 65536,
+      "[(kernel key, text)] of what mel_adjoint_resident compiles for its own steps with this filterbank (its "
+      "band overlap picks the transpose's form) on device 0 under the present deterministic switch.");
 }

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <vector>
 
+#include "cuda_like/tables/mel_table.hpp"
 #include "cuda_like/tables/windows.hpp"
 #include "math/call_shapes.hpp"
 #include "rocm/context.hpp"
@@ -114,6 +115,17 @@ py::array_t<Out> staged_call(const CArray<In>& x, const std::vector<py::ssize_t>
   copy_back(out.mutable_data(), dy.p, bytes, "memcpyDtoH(out.mutable_data(), dy.p, bytes)");
   return out;
 }
+
+// A filterbank argument held for the call. float32 and float64 arrays in C
+// or Fortran order (a transposed bank, as other libraries lay theirs out)
+// are read where they lie, so a repeated call converts nothing; anything
+// else becomes a C-ordered float64 copy.
+struct BankArg {
+  py::array values;
+  FilterBank fb;
+};
+
+BankArg bank_arg(const py::handle& obj);
 
 // Resident calls: integers reinterpreted as device addresses and streams,
 // with no check; 0 is the null stream.

@@ -11,9 +11,12 @@ PYBIND11_MODULE(_rocm, m) {
   ondrel::python::register_status(m);
   ondrel::python::register_fourier(m);
   ondrel::python::register_stft(m);
+  ondrel::python::register_stft_adjoints(m);
   ondrel::python::register_istft(m);
+  ondrel::python::register_istft_adjoint(m);
   ondrel::python::register_griffinlim(m);
   ondrel::python::register_mel(m);
+  ondrel::python::register_mel_adjoint(m);
   ondrel::python::register_spectral(m);
   ondrel::python::register_features(m);
   ondrel::python::register_decibels(m);

@@ -14,7 +14,7 @@ namespace ondrel {
 
 class KernelArgs {
  public:
-  static constexpr size_t kMaxParams = 12;
+  static constexpr size_t kMaxParams = 20;
 
   explicit KernelArgs(const std::vector<codegen::KernelParam>& params);
 

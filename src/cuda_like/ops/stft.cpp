@@ -60,16 +60,12 @@ KernelPlan fused_kernel(const StftPlan& p, int device) {
 }
 
 // The frame, and the split (even n) or output (odd n) kernels.
-std::vector<KernelPlan> staged_kernels(const StftPlan& p, const StftRequest& r) {
-  const std::string key = std::string(p.paired ? "cfsmode_" : "cfssplit_") + staged_tail(p) + "_m" +
-                          std::to_string(p.mode) + eps_suffix(r.mode, r.eps);
-  return {frames_plan(p), bins_plan(staged_of(p), p.paired, key)};
-}
+std::vector<KernelPlan> staged_kernels(const StftPlan& p) { return {frames_plan(p), spectrum_bins_plan(p)}; }
 
 // Frames written out, the library FFT of every frame, then the bins.
 template <class T>
 void run_staged(const StftRequest& r, const StftPlan& p, int device) {
-  const LaunchRecord bins = compiled(staged_kernels(p, r)[1], device);
+  const LaunchRecord bins = compiled(staged_kernels(p)[1], device);
   const DeviceBuffer z = staged_spectrum(r, p, device);
   const size_t out_elem = (p.out_prec == 2 ? 8 : p.out_prec == 0 ? 2 : 4) * (p.mode == 0 ? 2 : 1);
   staged_bins<T>(bins, p, z.p, r.out, out_elem, r.batch * p.nframes, r.stream);
@@ -129,7 +125,7 @@ void stft(const StftRequest& r) {
 
 std::vector<KernelPlan> stft_kernels(const StftRequest& r, uint64_t shared_limit) {
   const StftPlan p = stft_plan_of(r, stft_frames(r), shared_limit);
-  if (p.core == codegen::kCoreFourStep) return staged_kernels(p, r);
+  if (p.core == codegen::kCoreFourStep) return staged_kernels(p);
   return {fused_kernel(p, r.device)};
 }
 

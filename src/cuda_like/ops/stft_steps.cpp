@@ -130,6 +130,12 @@ KernelPlan bins_plan(const codegen::StagedStft& s, bool paired, const std::strin
   return k;
 }
 
+KernelPlan spectrum_bins_plan(const StftPlan& p) {
+  const std::string key = std::string(p.paired ? "cfsmode_" : "cfssplit_") + staged_tail(p) + "_m" +
+                          std::to_string(p.mode) + eps_suffix(p.mode, p.eps);
+  return bins_plan(staged_of(p), p.paired, key);
+}
+
 DeviceBuffer staged_spectrum(const StftRequest& r, const StftPlan& p, int device) {
   const auto stream = static_cast<hip_dl::hipStream_t>(r.stream);
   const LaunchRecord frames_kernel = compiled(frames_plan(p), device);

@@ -51,6 +51,8 @@ std::string staged_tail(const StftPlan& p);
 KernelPlan frames_plan(const StftPlan& p);
 KernelPlan bins_plan(const codegen::StagedStft& s, bool paired, const std::string& key);
 codegen::StagedStft staged_of(const StftPlan& p);
+// The split or output-form kernel of a plan's own output form.
+KernelPlan spectrum_bins_plan(const StftPlan& p);
 
 // Frames written out and the library FFT of every one: the packed M-point
 // spectra (even n) or the n / 2 + 1 bins (odd n) of batch * frames rows.

@@ -1,5 +1,6 @@
 #include "cuda_like/tables/mel_table.hpp"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <mutex>
@@ -35,6 +36,10 @@ MelDevice upload(const MelTable& t, const std::string& stem) {
   d.w = table_by_name(stem + "_w", converted<W>(t.w));
   d.w0 = table_by_name(stem + "_w0", converted<W>(t.w0));
   d.w1 = table_by_name(stem + "_w1", converted<W>(t.w1));
+  d.col_off = table_by_name(stem + "_coff", t.col_off);
+  d.col_band = table_by_name(stem + "_cband", t.col_band);
+  d.col_w = table_by_name(stem + "_cw", converted<W>(t.col_w));
+  d.depth = t.depth;
   return d;
 }
 
@@ -85,6 +90,23 @@ MelTable build_mel_table(const FilterBank& fb) {
     }
     t.off[m + 1] = static_cast<int32_t>(t.w.size());
   }
+  std::vector<int32_t> count(fb.bins, 0);
+  for (int32_t m = 0; m < fb.n_mels; ++m)
+    for (int32_t k = 0; k < fb.bins; ++k) count[k] += fb.at(m, k) != 0.0;
+  t.col_off.assign(fb.bins + 1, 0);
+  for (int32_t k = 0; k < fb.bins; ++k) {
+    t.col_off[k + 1] = t.col_off[k] + count[k];
+    t.depth = std::max(t.depth, count[k]);
+  }
+  t.col_band.resize(t.col_off[fb.bins]);
+  t.col_w.resize(t.col_off[fb.bins]);
+  std::vector<int32_t> next(t.col_off.begin(), t.col_off.end() - 1);
+  for (int32_t m = 0; m < fb.n_mels; ++m)
+    for (int32_t k = 0; k < fb.bins; ++k)
+      if (const double v = fb.at(m, k); v != 0.0) {
+        t.col_band[next[k]] = m;
+        t.col_w[next[k]++] = v;
+      }
   return t;
 }
 

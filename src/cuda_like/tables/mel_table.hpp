@@ -14,6 +14,11 @@ struct MelTable {
   std::vector<double> w;     // the spans, interior zeros included
   std::vector<int32_t> b0, b1;  // NB: the first and the last band over each bin, -1 for none
   std::vector<double> w0, w1;   // their weights, 0 for none
+  // Every band over each bin, for banks where b0 and b1 do not hold them
+  // all: bin k's bands and weights stand at col_off[k] .. col_off[k + 1].
+  std::vector<int32_t> col_off, col_band;
+  std::vector<double> col_w;
+  int32_t depth = 0;  // the most bands over one bin
 };
 
 // A caller's (n_mels, bins) filterbank where it lies: float64 or float32
@@ -45,6 +50,10 @@ struct MelDevice {
   const void* b1 = nullptr;
   const void* w0 = nullptr;
   const void* w1 = nullptr;
+  const void* col_off = nullptr;
+  const void* col_band = nullptr;
+  const void* col_w = nullptr;
+  int32_t depth = 0;
 };
 
 // The table of `fb` for frames of n_fft samples with weights of T (float or
