@@ -20,15 +20,10 @@ Results go to bench.json and bench.md in --out, rewritten after every case.
 
 from __future__ import annotations
 
-import argparse
-import time
-from pathlib import Path
-
 import numpy as np
 
-import ondrel
 from ondrel import _rocm
-from spectral_bench import Bench, cuda_timer, hann, host_timer, rel_error
+from spectral_bench import Bench, bench_main, cuda_timer, hann, host_timer, rel_error
 
 N_FFT, HOP, MOMENTUM = 1024, 256, 0.99
 
@@ -109,25 +104,9 @@ def cpu_cases(bench: Bench, batch: int, length: int, n_iter: int, repeats: int) 
 
 
 def main() -> None:
-    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
-    mode = parser.add_mutually_exclusive_group()
-    mode.add_argument("--cpu", action="store_true", help="griffinlim_staged on the CPU runtime beside numpy")
-    mode.add_argument("--smoke", action="store_true", help="--cpu on two short signals, one repeat (the test)")
-    parser.add_argument("--out", type=Path, default=Path("/tmp/ondrel-griffinlim"))
-    parser.add_argument("--repeats", type=int, default=10)
-    args = parser.parse_args()
-    on_cpu = args.cpu or args.smoke
-    if (ondrel.runtime == "cpu") != on_cpu:
-        raise SystemExit(f"{'--cpu and --smoke need' if on_cpu else 'needs'} the "
-                         f"{'cpu' if on_cpu else 'cuda'} runtime; this process has {ondrel.runtime}")
-    bench = Bench(args.out, f"{time.strftime('%Y-%m-%d')}, {_rocm.device_name()}, runtime {ondrel.runtime}")
-    if args.smoke:
-        cpu_cases(bench, 2, 22050, 2, 1)
-    elif on_cpu:
-        cpu_cases(bench, 2, 220500, 32, args.repeats)
-    else:
-        gpu_cases(bench, 8, 220500, 32, args.repeats)
-    print(bench.report())
+    bench_main(__doc__, "griffinlim", "griffinlim_staged", lambda b, r: cpu_cases(b, 2, 22050, 2, r),
+               lambda b, r: cpu_cases(b, 2, 220500, 32, r),
+               lambda b, r: gpu_cases(b, 8, 220500, 32, r), repeats=10)
 
 
 if __name__ == "__main__":

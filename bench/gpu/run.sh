@@ -14,6 +14,8 @@
 #          default and deterministic; `all` runs it too
 #   mel    bench/gpu/mel_bench.py: the mel spectrogram beside torchaudio's
 #          MelSpectrogram (needs torchaudio in the image); `all` runs it too
+#   cepstra  bench/gpu/cepstra_bench.py: cepstra beside torchaudio's MFCC
+#          (needs torchaudio in the image); `all` runs it too
 #   griffinlim  bench/gpu/griffinlim_bench.py: Griffin-Lim beside
 #          torchaudio's; `all` runs it too
 #   adjoint  bench/gpu/adjoint_bench.py: the STFT, inverse STFT and mel
@@ -37,8 +39,8 @@ mkdir -p "$out"
 what=${1:-all}
 shift || true
 case $what in
-  tests | fft | stft | istft | mel | griffinlim | adjoint | spectral_features | filters | all) ;;
-  *) echo "usage: $0 [tests | fft | stft | istft | mel | griffinlim | adjoint | spectral_features | filters | all] [benchmark arguments]" >&2; exit 2 ;;
+  tests | fft | stft | istft | mel | cepstra | griffinlim | adjoint | spectral_features | filters | all) ;;
+  *) echo "usage: $0 [tests | fft | stft | istft | mel | cepstra | griffinlim | adjoint | spectral_features | filters | all] [benchmark arguments]" >&2; exit 2 ;;
 esac
 export PYTHONUNBUFFERED=1
 
@@ -71,7 +73,7 @@ fi
 if [ "$what" = fft ] || [ "$what" = all ]; then
   (cd /tmp && python3 "$root/bench/gpu/fft_bench.py" --out "$out" "$@") 2>&1 | tee "$out/bench.log" || status=1
 fi
-for spectral in stft istft mel griffinlim adjoint; do
+for spectral in stft istft mel cepstra griffinlim adjoint; do
   if [ "$what" = $spectral ] || [ "$what" = all ]; then
     mkdir -p "$out/$spectral"
     (cd /tmp && python3 "$root/bench/gpu/${spectral}_bench.py" --out "$out/$spectral") 2>&1 |

@@ -112,3 +112,30 @@ class HostDevice:
     def __del__(self):
         for ptr in self.blocks:
             self.lib.hipFree(self.ct.c_void_p(ptr))
+
+
+def bench_main(doc: str, name: str, what: str, smoke, cpu, gpu, repeats: int = 20) -> None:
+    """The command line every spectral benchmark shares: --cpu (the CPU
+    runtime beside numpy), --smoke (the same on a short job, one repeat: the
+    tests run it) or, by default, the GPU cases on the CUDA runtime. `smoke`,
+    `cpu` and `gpu` take the table and the repeat count."""
+    import argparse
+    import time
+
+    import ondrel
+    from ondrel import _rocm
+
+    parser = argparse.ArgumentParser(description=doc, formatter_class=argparse.RawDescriptionHelpFormatter)
+    mode = parser.add_mutually_exclusive_group()
+    mode.add_argument("--cpu", action="store_true", help=f"{what} on the CPU runtime beside numpy")
+    mode.add_argument("--smoke", action="store_true", help="--cpu on two short signals, one repeat (the test)")
+    parser.add_argument("--out", type=Path, default=Path(f"/tmp/ondrel-{name}"))
+    parser.add_argument("--repeats", type=int, default=repeats)
+    args = parser.parse_args()
+    on_cpu = args.cpu or args.smoke
+    if (ondrel.runtime == "cpu") != on_cpu:
+        raise SystemExit(f"{'--cpu and --smoke need' if on_cpu else 'needs'} the "
+                         f"{'cpu' if on_cpu else 'cuda'} runtime; this process has {ondrel.runtime}")
+    bench = Bench(args.out, f"{time.strftime('%Y-%m-%d')}, {_rocm.device_name()}, runtime {ondrel.runtime}")
+    (smoke if args.smoke else cpu if on_cpu else gpu)(bench, 1 if args.smoke else args.repeats)
+    print(bench.report())

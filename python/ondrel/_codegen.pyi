@@ -51,6 +51,26 @@ def mel_kernel_texts(
     length: int,
     shared_limit: int = 65536,
 ) -> list[tuple[str, str]]: ...
+def cepstra_kernel_texts(
+    n_fft: int,
+    hop: int,
+    center: bool,
+    n_in: int,
+    n_out: int,
+    lifter: float,
+    top_db: float,
+    eps: float,
+    window: str | list[float],
+    prec: int,
+    batch: int,
+    length: int,
+    multiprocessors: int = 0,
+    shared_limit: int = 65536,
+) -> list[tuple[str, str]]: ...
+def cepstra_adjoint_kernel_texts(n_in: int, n_out: int, top_db: float, prec: int = 1) -> list[tuple[str, str]]: ...
+def inverse_mel_kernel_texts(
+    n_in: int, n_out: int, prec: int = 1, clamp: bool = False, adjoint: bool = False
+) -> list[tuple[str, str]]: ...
 def db_kernel_texts(prec: int = 1) -> list[tuple[str, str]]: ...
 def griffinlim_kernel_texts(prec: int = 1) -> list[tuple[str, str]]: ...
 def spectral_kernel_texts(stat: int, prec: int = 1) -> list[tuple[str, str]]: ...

@@ -454,6 +454,101 @@ def db_adjoint_resident(
     amin; with hastop the gradient of floored values goes to the row's peak (equal
     shares among ties) and a value on the floor keeps half. Float or double (prec 2)
     buffers; prec 0 is refused."""
+def inverse_mel_scale_staged(M: object, P: object, key: str, clamp: bool) -> numpy.ndarray:
+    """Inverse mel scale of a (rows, n_in) array: M @ P.T with the (n_out, n_in) float64
+    matrix P, negatives set to 0 when clamp. Returns (rows, n_out); float64 for float64 M,
+    float32 otherwise. P is uploaded once per key and kept for the process, found by the
+    key alone: a new matrix needs a new key (a key reused with another shape is refused)."""
+def inverse_mel_scale_resident(
+    m_ptr: int,
+    out_ptr: int,
+    frames: int,
+    P: object,
+    key: str,
+    clamp: bool,
+    prec: int,
+    device: int = 0,
+    stream: int = 0,
+) -> None:
+    """inverse_mel_scale_staged between device addresses on `stream`: (frames, n_in) to
+    (frames, n_out) reals, double for prec 2 and float otherwise. P is kept per key."""
+def inverse_mel_scale_adjoint_resident(
+    m_ptr: int,
+    g_ptr: int,
+    gm_ptr: int,
+    frames: int,
+    P: object,
+    key: str,
+    clamp: bool,
+    prec: int,
+    device: int = 0,
+    stream: int = 0,
+) -> None:
+    """Gradient of inverse_mel_scale_resident with respect to M given g (frames, n_out):
+    gm = g' @ P, g' being g, or with clamp g where M @ P.T was 0 or more and 0 elsewhere
+    (m_ptr is read for that alone). Double for prec 2, float otherwise; prec 0 is refused."""
+def cepstra_staged(
+    y: object,
+    window: object,
+    fb: object,
+    n_fft: int,
+    hop: int,
+    center: bool,
+    n_out: int,
+    lifter: float,
+    top_db: float,
+    eps: float = 1e-10,
+) -> numpy.ndarray:
+    """Cepstral coefficients (MFCC) of a (batch, samples) array: V = 10 log10(fb @ |X|^2 +
+    eps) per frame (the mel spectrogram of mel_staged, power 2), floored at the signal's
+    largest V less top_db when top_db >= 0, then the first n_out (1 to n_in) orthonormal
+    DCT-II coefficients over the n_in bands, coefficient k times 1 + (lifter / 2) sin(pi
+    (k + 1) / lifter) when lifter > 0. Returns (batch, n_out, frames) as a transposed view
+    of [batch][frame][coefficient]; float64 for float64 input, float32 otherwise."""
+def cepstra_resident(
+    y_ptr: int,
+    out_ptr: int,
+    batch: int,
+    length: int,
+    fb: object,
+    n_fft: int,
+    hop: int,
+    center: bool,
+    n_out: int,
+    lifter: float,
+    top_db: float,
+    eps: float,
+    window: object,
+    prec: int,
+    device: int = 0,
+    stream: int = 0,
+) -> None:
+    """cepstra_staged between device addresses on `stream`, to [batch][frame][coefficient]
+    reals; double for prec 2, float otherwise (no half form)."""
+def cepstra_adjoint_resident(
+    gc_ptr: int,
+    x_ptr: int,
+    gx_ptr: int,
+    batch: int,
+    length: int,
+    fb: object,
+    n_fft: int,
+    hop: int,
+    center: bool,
+    n_out: int,
+    lifter: float,
+    top_db: float,
+    eps: float,
+    window: object,
+    prec: int,
+    device: int = 0,
+    stream: int = 0,
+) -> None:
+    """Gradient of cepstra_resident with respect to x (read to recompute the bands): gc,
+    dense (batch, n_out, frames), to gx (batch x length, every element written). With a
+    floor, the gradient of floored bands all goes to the first band at the signal's peak;
+    a band exactly on the floor is not floored. Double for prec 2, float otherwise; prec 0
+    is refused."""
 def rms_resident(
     x: int,
     out: int,

@@ -203,7 +203,8 @@ KernelParams crop_params(const AdjointPlan& p, const Backend& b) {
 
 std::string crop_kernel(const AdjointPlan& p, bool frame_rows, const Backend& b) {
   const std::string t = real(p, b);
-  std::string text = b.preamble(p.prec) + types_prelude(b) + KernelSig("stft_adjoint_crop", b, crop_params(p, b)).head();
+  std::string text = b.preamble(p.prec) + types_prelude(b);
+  text += KernelSig("stft_adjoint_crop", b, crop_params(p, b)).head();
   KernelWriter w(p.prec, b);
   w.emit("I64 j = (I64)$ * $ + $;", b.block_x(), b.block_dim_x(), b.thread_x());
   w.emit("int batch = $;", b.block_y());

@@ -148,7 +148,8 @@ std::string meladjcoef_kernel(const MelAdjointPlan& p, const Backend& b) {
   const std::string t = real(p, b);
   const std::string defines = define("NMELS", std::to_string(p.n_mels)) + define("NB", std::to_string(p.frame.bins())) +
                               eps_define(p.frame.eps);
-  std::string text = staged_head(p.frame, b, defines) + KernelSig("ondrel_meladjcoef", b, meladjcoef_params(p, b)).head();
+  std::string text = staged_head(p.frame, b, defines);
+  text += KernelSig("ondrel_meladjcoef", b, meladjcoef_params(p, b)).head();
   KernelWriter w(p.frame.prec, b);
   staged_row(w, "m", "NMELS", "batch", "frame");
   w.emit("$ g = gM[batch * sb + (I64)m * sk + frame * st];", t);
@@ -167,7 +168,8 @@ KernelParams meladjpack_params(const MelAdjointPlan& p, const Backend& b) {
 std::string meladjpack_kernel(const MelAdjointPlan& p, const Backend& b) {
   const std::string t = real(p, b);
   const std::string defines = define("NB", std::to_string(p.frame.bins())) + define("NMELS", std::to_string(p.n_mels));
-  std::string text = staged_head(p.frame, b, defines) + KernelSig("ondrel_meladjpack", b, meladjpack_params(p, b)).head();
+  std::string text = staged_head(p.frame, b, defines);
+  text += KernelSig("ondrel_meladjpack", b, meladjpack_params(p, b)).head();
   KernelWriter w(p.frame.prec, b);
   staged_row(w, "k", std::to_string(p.frame.n), nullptr, nullptr);
   w.emit("cplx v = cmk(($)0, ($)0);", t, t);

@@ -59,10 +59,6 @@ void band_loop(KernelWriter& w, const StftPlan& p, const std::string& row, const
   });
 }
 
-void close_bands(KernelWriter& w, const StftPlan& p, const CepstrumHook& cepstrum) {
-  if (p.ncep > 0) cepstrum(w, p, "bandb");
-}
-
 // Cores 0, 1 and 3: F frames a block; the power rows stand behind the FFT
 // rows in one carved block of shared memory.
 std::string packed_text(const StftPlan& p, const Backend& b, const CepstrumHook& cepstrum) {
@@ -82,6 +78,19 @@ std::string packed_text(const StftPlan& p, const Backend& b, const CepstrumHook&
   w.emit("TG $* powb = pow_all + (long)f_local * NB;", b.real_type(p.prec));
   if (p.ncep > 0) w.emit("TG $* bandb = pow_all + (long)F * NB + (long)f_local * NMELS;", b.real_type(p.prec));
   packed_load_fft(w, p);
+  if (p.ncep > 0) {
+    // The DCT needs a barrier behind the band step as well, and a thread
+    // that skipped one guarded barrier would count at the next: with a DCT
+    // every barrier stands outside the guards and every thread reaches it.
+    w.if_block("frame < NFRAMES", [&] {
+      unpack_bins(w, p, "sh", power_statement(p, b, "powb"));
+      nyquist_power(w, p, "sh");
+    });
+    w.sync();
+    w.if_block("frame < NFRAMES", [&] { band_loop(w, p, "powb", ""); });
+    cepstrum(w, p, "bandb");
+    return text + w.text() + "}\n";
+  }
   // The barrier stands inside the frame guard: the threads of a frame past
   // the end have left the kernel, and threads that have exited do not hold
   // a barrier back.
@@ -91,7 +100,6 @@ std::string packed_text(const StftPlan& p, const Backend& b, const CepstrumHook&
     w.sync();
     w.line("I64 mb = ((I64)batch*NFRAMES + frame) * NMELS;");
     band_loop(w, p, "powb", "mb");
-    close_bands(w, p, cepstrum);
   });
   return text + w.text() + "}\n";
 }

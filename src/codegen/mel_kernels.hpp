@@ -22,8 +22,9 @@ KernelParams mel_params(const StftPlan& plan, const Backend& backend);
 // power rows, and the band rows a DCT reads.
 uint64_t mel_shared_bytes(const StftPlan& plan);
 
-// The epilogue of a fused DCT: it receives the writer, the plan and the
-// shared buffer of the frame's band values (behind no barrier) and owns the
+// The epilogue of a fused DCT: it receives the writer outside the frame
+// guard, where every thread of the block stands, the plan and the shared
+// buffer of the frame's band values (behind no barrier), and owns the
 // output from there.
 using CepstrumHook = std::function<void(KernelWriter& w, const StftPlan& plan, const std::string& bands)>;
 

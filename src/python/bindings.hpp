@@ -48,6 +48,10 @@ void register_hints(pybind11::module_& m);
 void register_features(pybind11::module_& m);
 // db_resident, db_inv_resident, db_adjoint_resident.
 void register_decibels(pybind11::module_& m);
+// inverse_mel_scale_staged, inverse_mel_scale_resident,
+// inverse_mel_scale_adjoint_resident, cepstra_staged, cepstra_resident,
+// cepstra_adjoint_resident.
+void register_cepstra(pybind11::module_& m);
 // conv_fft_staged, conv_fft_resident, conv_cplx_staged, conv_cplx_resident,
 // conv_direct_staged, conv_direct_resident: the convolutions.
 void register_convolution(pybind11::module_& m);

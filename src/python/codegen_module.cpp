@@ -12,6 +12,8 @@
 #include "codegen/sample_kernel.hpp"
 #include "cuda_like/ops/adjoint.hpp"
 #include "cuda_like/ops/bluestein.hpp"
+#include "cuda_like/ops/cepstra.hpp"
+#include "cuda_like/ops/cepstra_adjoint.hpp"
 #include "cuda_like/ops/features.hpp"
 #include "cuda_like/ops/contrast.hpp"
 #include "cuda_like/ops/conv.hpp"
@@ -23,6 +25,7 @@
 #include "cuda_like/ops/four_step_real.hpp"
 #include "cuda_like/ops/lfilter.hpp"
 #include "cuda_like/ops/rfft.hpp"
+#include "cuda_like/ops/inverse_mel.hpp"
 #include "cuda_like/ops/spectral.hpp"
 #include "cuda_like/ops/istft.hpp"
 #include "cuda_like/ops/mel.hpp"
@@ -227,6 +230,58 @@ PYBIND11_MODULE(_codegen, m) {
       py::arg("eps"), py::arg("window"), py::arg("prec"), py::arg("length"), py::arg("shared_limit") = 65536,
       "[(kernel key, text)] of the mel spectrogram's own kernels for this request on device 0: ondrel_mel, or the "
       "frame, split (or output) and band-sum kernels of the staged path, whose FFT the FFT listings give.");
+  m.def(
+      "cepstra_kernel_texts",
+      [](int32_t n_fft, int32_t hop, bool center, int32_t n_in, int32_t n_out, double lifter, double top_db,
+         double eps, const py::object& window, int32_t prec, int64_t batch, int64_t length, int multiprocessors,
+         uint64_t shared_limit) {
+        const ondrel::WindowSpec spec = window_of(window);
+        // Only the filterbank's shape reaches a text.
+        const ondrel::FilterBank fb{nullptr, false, false, n_in, n_fft / 2 + 1, 0};
+        ondrel::CepstraRequest r;
+        r.fb = &fb;
+        r.n_out = n_out;
+        r.lifter = lifter;
+        r.top_db = top_db;
+        r.stft.batch = batch;
+        r.stft.length = length;
+        r.stft.n_fft = n_fft;
+        r.stft.hop = hop;
+        r.stft.center = center;
+        r.stft.mode = 3;
+        r.stft.eps = eps;
+        r.stft.window = &spec;
+        r.stft.prec = ondrel::full_width(prec == 2);
+        return texts(ondrel::cepstra_kernels(r, multiprocessors, shared_limit));
+      },
+      py::arg("n_fft"), py::arg("hop"), py::arg("center"), py::arg("n_in"), py::arg("n_out"), py::arg("lifter"),
+      py::arg("top_db"), py::arg("eps"), py::arg("window"), py::arg("prec"), py::arg("batch"), py::arg("length"),
+      py::arg("multiprocessors") = 0, py::arg("shared_limit") = 65536,
+      "[(kernel key, text)] of the cepstra's own kernels for this request on device 0 of `multiprocessors` "
+      "multiprocessors (0 unknown): the fused ondrel_mel with its DCT, or the mel spectrogram's kernels followed "
+      "by ondrel_cepmax (with a floor) and ondrel_cepstra.");
+  m.def(
+      "cepstra_adjoint_kernel_texts",
+      [](int32_t n_in, int32_t n_out, double top_db, int32_t prec) {
+        const ondrel::FilterBank fb{nullptr, false, false, n_in, 0, 0};
+        ondrel::CepstraRequest r;
+        r.fb = &fb;
+        r.n_out = n_out;
+        r.top_db = top_db;
+        r.stft.prec = ondrel::full_width(prec == 2);
+        return texts(ondrel::cepstra_adjoint_kernels(r));
+      },
+      py::arg("n_in"), py::arg("n_out"), py::arg("top_db"), py::arg("prec") = 1,
+      "[(kernel key, text)] of the cepstra adjoint's own kernels: ondrel_cepadj, and with a floor (top_db >= 0) "
+      "ondrel_cepmaxi and ondrel_cepcsum around it (the mel spectrogram and its adjoint list theirs).");
+  m.def(
+      "inverse_mel_kernel_texts",
+      [](int32_t n_in, int32_t n_out, int32_t prec, bool clamp, bool adjoint) {
+        return texts(ondrel::inverse_mel_kernels(n_in, n_out, prec, clamp, adjoint));
+      },
+      py::arg("n_in"), py::arg("n_out"), py::arg("prec") = 1, py::arg("clamp") = false, py::arg("adjoint") = false,
+      "[(kernel key, text)] of the ondrel_pmatmul products of the inverse mel scale (adjoint: its mask when "
+      "clamped and its transposed product) for precision code prec (2 double, anything else float).");
   m.def(
       "db_kernel_texts", [](int32_t prec) { return texts(ondrel::db_kernels(prec)); }, py::arg("prec") = 1,
       "[(kernel key, text)] of ondrel_db, ondrel_db_inv and ondrel_db_adj for precision code prec (2 double, "

@@ -20,6 +20,7 @@ PYBIND11_MODULE(_rocm, m) {
   ondrel::python::register_spectral(m);
   ondrel::python::register_features(m);
   ondrel::python::register_decibels(m);
+  ondrel::python::register_cepstra(m);
   ondrel::python::register_convolution(m);
   ondrel::python::register_conv_adjoint(m);
   ondrel::python::register_lfilter(m);

@@ -9,6 +9,7 @@ namespace {
 
 constexpr uint64_t kFallbackSharedLimit = 49152;
 constexpr int kAttributeSharedPerBlock = 74;
+constexpr int kAttributeMultiprocessors = 63;
 constexpr unsigned kGridYLimit = 65535;
 
 // The properties' text field at `offset`, cut at the first ':' so that
@@ -55,6 +56,12 @@ uint64_t device_shared_limit(int dev) {
   if (hip_dl::api().DeviceGetAttribute(&v, kAttributeSharedPerBlock, dev) != hip_dl::hipSuccess || v < 1)
     return kFallbackSharedLimit;
   return static_cast<uint64_t>(v);
+}
+
+int device_multiprocessors(int dev) {
+  int v = 0;
+  if (hip_dl::api().DeviceGetAttribute(&v, kAttributeMultiprocessors, dev) != hip_dl::hipSuccess || v < 1) return 0;
+  return v;
 }
 
 void check_shared(uint64_t bytes, int dev, const std::string& subject) {

@@ -27,6 +27,9 @@ int select_device(int dev);
 // Asked afresh on each call: only an operation's first road needs it.
 uint64_t device_shared_limit(int dev);
 
+// The device's multiprocessors (compute units); 0 when the query fails.
+int device_multiprocessors(int dev);
+
 // Throws std::invalid_argument "<subject> exceeds the device shared-memory
 // limit" when `bytes` is above the limit.
 void check_shared(uint64_t bytes, int dev, const std::string& subject);

@@ -9,6 +9,7 @@
 
 #include "common/device_header.hpp"
 #include "hip/faults.hpp"
+#include "hip/worker_pool.hpp"
 #include "ondrel_cpu/hip.h"
 
 namespace {
@@ -78,6 +79,10 @@ hipError_t hipDeviceGetAttribute(int* value, int attribute, int device) {
   switch (attribute) {
     case hipDeviceAttributeMaxSharedMemoryPerBlock: *value = shared_limit(); return hipSuccess;
     case hipDeviceAttributeL2CacheSize: *value = l2_bytes(); return hipSuccess;
+    // The host threads that run blocks side by side.
+    case hipDeviceAttributeMultiprocessorCount:
+      *value = static_cast<int>(ondrel_cpu::WorkerPool::get().threads());
+      return hipSuccess;
     default: return hipErrorInvalidValue;
   }
 }

@@ -71,6 +71,8 @@ hipError_t hipDeviceGetAttribute(int* value, int attribute, int device) {
     case hipDeviceAttributeMaxSharedMemoryPerBlock: return to_hip(shared_limit(*d, handle, *value));
     case hipDeviceAttributeL2CacheSize:
       return to_hip(d->DeviceGetAttribute(value, CU_DEVICE_ATTRIBUTE_L2_CACHE_SIZE, handle));
+    case hipDeviceAttributeMultiprocessorCount:
+      return to_hip(d->DeviceGetAttribute(value, CU_DEVICE_ATTRIBUTE_MULTIPROCESSOR_COUNT, handle));
     default: return hipErrorInvalidValue;
   }
 }

@@ -116,44 +116,10 @@ std::vector<KernelPlan> istft_staged_plans(const AdjointPlan& p) {
                   [p] { return codegen::giadjstore_kernel(p, codegen::hip_backend()); })};
 }
 
-AdjointCall call_of(const StftAdjointRequest& r) {
-  AdjointCall c;
-  c.plan = adjoint_plan(r.n_fft, r.hop, r.center, r.is_double, *r.window);
-  c.plan.mode = r.mode;
-  c.plan.eps = r.mode == 3 ? r.eps : 1e-10;
-  c.batch = r.batch;
-  c.frames = r.frames;
-  c.length = r.length;
-  c.window = r.window;
-  c.is_double = r.is_double;
-  c.device = r.device;
-  c.stream = r.stream;
-  return c;
-}
+AdjointCall call_of(const StftAdjointRequest& r) { return adjoint_call(r, r.mode, r.eps); }
 
-AdjointCall call_of(const IstftAdjointRequest& r) {
-  AdjointCall c;
-  c.plan = adjoint_plan(r.n_fft, r.hop, r.center, r.is_double, *r.window);
-  c.batch = r.batch;
-  c.frames = r.frames;
-  c.length = r.length;
-  c.window = r.window;
-  c.is_double = r.is_double;
-  c.device = r.device;
-  c.stream = r.stream;
-  return c;
-}
+AdjointCall call_of(const IstftAdjointRequest& r) { return adjoint_call(r, 0, 1e-10); }
 
-uint64_t record_key(const AdjointCall& c, uint64_t family) {
-  const AdjointPlan& p = c.plan;
-  uint64_t h = combine(combine(family, widen(p.n)), widen(p.hop));
-  h = combine(h, static_cast<uint64_t>(p.pad) << 8 | static_cast<uint64_t>(p.prec) << 4 | static_cast<uint64_t>(p.mode) << 1 |
-                     (p.deterministic ? 1 : 0));
-  h = combine(combine(h, c.window->hash), widen(c.device));
-  uint64_t eps;
-  std::memcpy(&eps, &p.eps, sizeof eps);
-  return combine(h, eps);
-}
 
 void strides(KernelArgs& a, const StftAdjointRequest& r) {
   a.set("sb", r.stride_batch).set("sk", r.stride_bin).set("st", r.stride_frame);
@@ -309,6 +275,17 @@ AdjointPlan adjoint_plan(int32_t n, int32_t hop, bool center, bool is_double, co
   p.deterministic = deterministic();
   p.tpf = codegen::adjoint_threads(n);
   return p;
+}
+
+uint64_t record_key(const AdjointCall& c, uint64_t family) {
+  const AdjointPlan& p = c.plan;
+  uint64_t h = combine(combine(family, widen(p.n)), widen(p.hop));
+  const uint64_t flags = static_cast<uint64_t>(p.pad) << 8 | static_cast<uint64_t>(p.prec) << 4 |
+                         static_cast<uint64_t>(p.mode) << 1 | (p.deterministic ? 1 : 0);
+  h = combine(combine(combine(h, flags), c.window->hash), widen(c.device));
+  uint64_t eps;
+  std::memcpy(&eps, &p.eps, sizeof eps);
+  return combine(h, eps);
 }
 
 bool adjoint_fused(int32_t n, uint64_t shared_bytes, uint64_t shared_limit) {

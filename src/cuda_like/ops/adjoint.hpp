@@ -74,6 +74,26 @@ struct AdjointCall {
   int64_t out_len() const { return (frames - 1) * plan.hop + plan.n; }
 };
 codegen::AdjointPlan adjoint_plan(int32_t n, int32_t hop, bool center, bool is_double, const WindowSpec& window);
+// The call of any request of the family; `mode` and `eps` (kept only for
+// decibels, so that other forms share their kernels) as the forward stored.
+template <class Request>
+AdjointCall adjoint_call(const Request& r, int mode, double eps) {
+  AdjointCall c;
+  c.plan = adjoint_plan(r.n_fft, r.hop, r.center, r.is_double, *r.window);
+  c.plan.mode = mode;
+  c.plan.eps = mode == 3 ? eps : 1e-10;
+  c.batch = r.batch;
+  c.frames = r.frames;
+  c.length = r.length;
+  c.window = r.window;
+  c.is_double = r.is_double;
+  c.device = r.device;
+  c.stream = r.stream;
+  return c;
+}
+// The memo key of a call's record: everything that picks its kernels and
+// tables, under the family's own tag.
+uint64_t record_key(const AdjointCall& c, uint64_t family);
 // Whether a frame of n goes fused: its kernel's shared bytes fit, and its FFT
 // needs no long butterfly.
 bool adjoint_fused(int32_t n, uint64_t shared_bytes, uint64_t shared_limit);

@@ -28,20 +28,7 @@ struct MelAdjointRecord {
 
 constexpr unsigned kBlock = 256;
 
-AdjointCall call_of(const MelAdjointRequest& r) {
-  AdjointCall c;
-  c.plan = adjoint_plan(r.n_fft, r.hop, r.center, r.is_double, *r.window);
-  c.plan.mode = r.mode;
-  c.plan.eps = r.mode == 3 ? r.eps : 1e-10;
-  c.batch = r.batch;
-  c.frames = r.frames;
-  c.length = r.length;
-  c.window = r.window;
-  c.is_double = r.is_double;
-  c.device = r.device;
-  c.stream = r.stream;
-  return c;
-}
+AdjointCall call_of(const MelAdjointRequest& r) { return adjoint_call(r, r.mode, r.eps); }
 
 MelAdjointPlan plan_of(const AdjointCall& c, const MelAdjointRequest& r, int32_t depth) {
   MelAdjointPlan p;
@@ -120,7 +107,8 @@ void run_fused(const AdjointCall& c, const MelAdjointPlan& p, const MelAdjointRe
   a.set("gM", r.g).set("y", r.x).set("graw", graw.p).set("win", rec.window).set("twg", rec.twg);
   set_bands(a, rec.bank);
   set_transpose(a, p, rec.bank);
-  a.set("NF", static_cast<int32_t>(r.frames)).set("SIG_LEN", static_cast<int32_t>(r.length)).set("out_len", c.out_len());
+  a.set("NF", static_cast<int32_t>(r.frames)).set("SIG_LEN", static_cast<int32_t>(r.length));
+  a.set("out_len", c.out_len());
   strides(a, r);
   launch(rec.main, static_cast<unsigned>(r.frames), static_cast<unsigned>(r.batch), a,
          static_cast<hip_dl::hipStream_t>(r.stream));
@@ -159,15 +147,9 @@ void run_staged(const AdjointCall& c, const MelAdjointPlan& p, const MelDevice& 
 }
 
 uint64_t record_key(const AdjointCall& c, const MelAdjointRequest& r) {
-  const codegen::AdjointPlan& p = c.plan;
-  uint64_t h = combine(combine(combine(0xad4, widen(p.n)), widen(p.hop)), r.fb->hash);
-  h = combine(h, static_cast<uint64_t>(p.pad) << 8 | static_cast<uint64_t>(p.prec) << 4 | static_cast<uint64_t>(p.mode) << 1 |
-                     (p.deterministic ? 1 : 0));
-  h = combine(combine(h, c.window->hash), widen(c.device));
-  uint64_t eps, power;
-  std::memcpy(&eps, &p.eps, sizeof eps);
+  uint64_t power;
   std::memcpy(&power, &r.power, sizeof power);
-  return combine(combine(h, eps), power);
+  return combine(combine(record_key(c, 0xad4), r.fb->hash), power);
 }
 
 template <class T>
@@ -204,7 +186,8 @@ void check_mel_adjoint(const MelAdjointRequest& r) {
   if (r.fb->n_mels != r.n_mels || r.fb->bins != r.n_fft / 2 + 1)
     throw std::invalid_argument("mel_adjoint: filterbank shape must be (n_mels, n_fft/2+1)");
   check_adjoint_frame(r.n_fft, r.hop, r.length, "mel_adjoint");
-  if (!(r.power >= 1.0) || !std::isfinite(r.power)) throw std::invalid_argument("mel_adjoint: power must be at least 1");
+  if (!(r.power >= 1.0) || !std::isfinite(r.power))
+    throw std::invalid_argument("mel_adjoint: power must be at least 1");
   check_adjoint_batch(r.batch, "mel_adjoint");
 }
 

@@ -31,7 +31,11 @@ inline constexpr hipError_t hipErrorStreamCaptureUnsupported = 900;
 inline constexpr hipError_t hipErrorStreamCaptureInvalidated = 901;
 inline constexpr hipError_t hipErrorUnknown = 999;
 
-enum { hipDeviceAttributeL2CacheSize = 19, hipDeviceAttributeMaxSharedMemoryPerBlock = 74 };
+enum {
+  hipDeviceAttributeL2CacheSize = 19,
+  hipDeviceAttributeMultiprocessorCount = 63,
+  hipDeviceAttributeMaxSharedMemoryPerBlock = 74
+};
 
 // HIP's memory types of a 2-D copy's sides; arrays (10) are not supported.
 enum {
