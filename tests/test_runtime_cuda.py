@@ -60,8 +60,10 @@ def test_compile_errors_carry_nvrtc_log_at_the_kernel_line():
 def test_code_object_is_a_cubin_for_the_architecture(arch):
     rc, log, code = nvrtc_check.compile_result(HIP_SHUFFLES, "ondrel_shuffles.cu", arch)
     assert rc == 0, log
-    assert code[:5] == b"\x7fELF\x02" and struct.unpack_from("<H", code, 0x12)[0] == 190  # 64-bit, EM_CUDA
-    assert (struct.unpack_from("<I", code, 0x30)[0] >> 8) & 0xFF == int(arch[3:])
+    cubin = code[32:]  # behind the seal
+    assert code[:8] == b"ONDRLCUB" and struct.unpack_from("<Q", code, 8)[0] == len(cubin)
+    assert cubin[:5] == b"\x7fELF\x02" and struct.unpack_from("<H", cubin, 0x12)[0] == 190  # 64-bit, EM_CUDA
+    assert (struct.unpack_from("<I", cubin, 0x30)[0] >> 8) & 0xFF == int(arch[3:])
 
 
 @needs_nvrtc
@@ -78,13 +80,15 @@ def test_without_a_device_the_variable_names_the_architecture(monkeypatch, value
     monkeypatch.setenv("ONDREL_CUDA_ARCH", value)
     rc, log, code = nvrtc_check.compile_result(nvrtc_check.TRIVIAL, "ondrel_probe.cu", arch=None)
     if error is None:
-        assert rc == 0 and (struct.unpack_from("<I", code, 0x30)[0] >> 8) & 0xFF == 90, log
+        assert rc == 0 and (struct.unpack_from("<I", code, 32 + 0x30)[0] >> 8) & 0xFF == 90, log  # behind the seal
     else:
         assert (rc, log) == (5, f"ondrel CUDA hipRTC: {error}\n")
 
 
 @needs_nvrtc
-@pytest.mark.parametrize("damage", ["none", "truncated", "altered", "foreign"])
+@pytest.mark.parametrize(
+    "damage", ["none", "truncated", "altered", "foreign", "seal size", "seal check", "elf header", "elf sections"]
+)
 def test_module_load_refuses_damaged_code_before_the_driver(damage):
     # For the device where there is one, so that the undamaged image loads.
     rc, log, code = nvrtc_check.compile_result(nvrtc_check.TRIVIAL, "ondrel_probe.cu", None if HAS_DRIVER else "sm_90")
@@ -94,6 +98,10 @@ def test_module_load_refuses_damaged_code_before_the_driver(damage):
         "truncated": code[: len(code) // 2],
         "altered": code[:100] + bytes([code[100] ^ 1]) + code[101:],
         "foreign": LIBS[0].read_bytes()[: len(code)],  # a host ELF object
+        "seal size": code[:11] + bytes([code[11] ^ 1]) + code[12:],  # would reach 16 MiB further
+        "seal check": code[:24] + bytes([code[24] ^ 0x80]) + code[25:],
+        "elf header": code[:32 + 0x2B] + bytes([code[32 + 0x2B] ^ 1]) + code[32 + 0x2C :],  # section table offset
+        "elf sections": code[:32 + 0x3C] + bytes([code[32 + 0x3C] ^ 1]) + code[32 + 0x3D :],  # section count
     }[damage]
     hip = ctypes.CDLL(str(LIBS[0]))
     module = ctypes.c_void_p()
@@ -217,4 +225,4 @@ def test_module_compiles_and_caches_a_cubin_for_the_device(run_python, fake_driv
     assert proc.stdout.strip() == "(2, 12)"
     [cached] = (tmp_path / "kernels").iterdir()
     image = cached.read_bytes()
-    assert cached.name.endswith("_sm_90.hsaco") and image[:4] == b"\x7fELF" and image[-24:-16] == b"ONDRLCUB"
+    assert cached.name.endswith("_sm_90.hsaco") and image[:8] == b"ONDRLCUB" and image[32:36] == b"\x7fELF"

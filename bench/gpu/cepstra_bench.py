@@ -22,17 +22,12 @@ Results go to bench.json and bench.md in --out, rewritten after every case.
 
 from __future__ import annotations
 
-import argparse
-import time
-from pathlib import Path
-
 import numpy as np
 import scipy.fft
 
-import ondrel
 from ondrel import _rocm
 from ondrel.demo import mel_bank
-from spectral_bench import GPU_BATCH, GPU_LENGTH, Bench, cuda_timer, hann, host_timer, rel_error
+from spectral_bench import GPU_BATCH, GPU_LENGTH, Bench, bench_main, cuda_timer, hann, host_timer, rel_error
 
 SHAPES = [(2048, 512), (1024, 256)]
 RATE, MELS, EPS = 22050, 128, 1e-10
@@ -99,25 +94,9 @@ def cpu_cases(bench: Bench, batch: int, length: int, repeats: int) -> None:
 
 
 def main() -> None:
-    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
-    mode = parser.add_mutually_exclusive_group()
-    mode.add_argument("--cpu", action="store_true", help="cepstra_staged on the CPU runtime beside numpy")
-    mode.add_argument("--smoke", action="store_true", help="--cpu on two short signals, one repeat (the test)")
-    parser.add_argument("--out", type=Path, default=Path("/tmp/ondrel-cepstra"))
-    parser.add_argument("--repeats", type=int, default=20)
-    args = parser.parse_args()
-    on_cpu = args.cpu or args.smoke
-    if (ondrel.runtime == "cpu") != on_cpu:
-        raise SystemExit(f"{'--cpu and --smoke need' if on_cpu else 'needs'} the "
-                         f"{'cpu' if on_cpu else 'cuda'} runtime; this process has {ondrel.runtime}")
-    bench = Bench(args.out, f"{time.strftime('%Y-%m-%d')}, {_rocm.device_name()}, runtime {ondrel.runtime}")
-    if args.smoke:
-        cpu_cases(bench, 2, 22050, 1)
-    elif on_cpu:
-        cpu_cases(bench, 8, 220500, args.repeats)
-    else:
-        gpu_cases(bench, GPU_BATCH, GPU_LENGTH, args.repeats)
-    print(bench.report())
+    bench_main(__doc__, "cepstra", "cepstra_staged", lambda b, r: cpu_cases(b, 2, 22050, r),
+               lambda b, r: cpu_cases(b, 8, 220500, r),
+               lambda b, r: gpu_cases(b, GPU_BATCH, GPU_LENGTH, r))
 
 
 if __name__ == "__main__":

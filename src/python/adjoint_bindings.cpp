@@ -56,7 +56,7 @@ void register_stft_adjoints(py::module_& m) {
         StftAdjointRequest r = stft_request(g, gx, batch, bins, frames, sb, sk, st, n_fft, hop, center, length, spec,
                                             device, stream);
         r.is_double = dbl;
-        stft_adjoint(r);
+        without_gil([&] { stft_adjoint(r); });
       },
       py::arg("g_ptr"), py::arg("gx_ptr"), py::arg("batch"), py::arg("bins"), py::arg("frames"),
       py::arg("stride_batch"), py::arg("stride_bin"), py::arg("stride_frame"), py::arg("n_fft"), py::arg("hop"),
@@ -80,7 +80,7 @@ void register_stft_adjoints(py::module_& m) {
         if (r.mode == 0) throw std::invalid_argument("stft_adjoint: output must be 'magnitude', 'power' or 'db'");
         r.eps = eps;
         r.is_double = dbl;
-        stft_adjoint(r);
+        without_gil([&] { stft_adjoint(r); });
       },
       py::arg("g_ptr"), py::arg("x_ptr"), py::arg("gx_ptr"), py::arg("batch"), py::arg("bins"), py::arg("frames"),
       py::arg("stride_batch"), py::arg("stride_bin"), py::arg("stride_frame"), py::arg("n_fft"), py::arg("hop"),
@@ -112,7 +112,7 @@ void register_istft_adjoint(py::module_& m) {
         r.is_double = dbl;
         r.device = device;
         r.stream = stream_handle(stream);
-        istft_adjoint(r);
+        without_gil([&] { istft_adjoint(r); });
       },
       py::arg("gy_ptr"), py::arg("gz_ptr"), py::arg("batch"), py::arg("length"), py::arg("n_fft"), py::arg("hop"),
       py::arg("center"), py::arg("frames"), py::arg("window"), py::arg("prec"), py::arg("device") = 0,
@@ -155,7 +155,7 @@ void register_mel_adjoint(py::module_& m) {
         r.is_double = dbl;
         r.device = device;
         r.stream = stream_handle(stream);
-        mel_adjoint(r);
+        without_gil([&] { mel_adjoint(r); });
       },
       py::arg("g_ptr"), py::arg("x_ptr"), py::arg("gx_ptr"), py::arg("batch"), py::arg("n_mels"), py::arg("frames"),
       py::arg("stride_batch"), py::arg("stride_bin"), py::arg("stride_frame"), py::arg("fb"), py::arg("n_fft"),

@@ -114,8 +114,10 @@ void register_cepstra(py::module_& m) {
       [](uintptr_t mp, uintptr_t out, int64_t frames, const py::object& P, const std::string& key, bool clamp,
          int32_t prec, int32_t device, uintptr_t stream) {
         const MatrixArg matrix = matrix_arg(P, key, clamp);
-        inverse_mel_scale(matrix.scale, device_address(mp), device_address(out), frames,
-                          call_of(prec, device, stream));
+        without_gil([&] {
+          inverse_mel_scale(matrix.scale, device_address(mp), device_address(out), frames,
+                            call_of(prec, device, stream));
+        });
       },
       py::arg("m_ptr"), py::arg("out_ptr"), py::arg("frames"), py::arg("P"), py::arg("key"), py::arg("clamp"),
       py::arg("prec"), py::arg("device") = 0, py::arg("stream") = 0,
@@ -130,8 +132,10 @@ void register_cepstra(py::module_& m) {
          bool clamp, int32_t prec, int32_t device, uintptr_t stream) {
         if (prec == 0) throw std::invalid_argument("adjoint: half gradients compute in f32; upcast the tensors");
         const MatrixArg matrix = matrix_arg(P, key, clamp);
-        inverse_mel_scale_adjoint(matrix.scale, device_address(mp), device_address(g), device_address(gm), frames,
-                                  call_of(prec, device, stream));
+        without_gil([&] {
+          inverse_mel_scale_adjoint(matrix.scale, device_address(mp), device_address(g), device_address(gm), frames,
+                                    call_of(prec, device, stream));
+        });
       },
       py::arg("m_ptr"), py::arg("g_ptr"), py::arg("gm_ptr"), py::arg("frames"), py::arg("P"), py::arg("key"),
       py::arg("clamp"), py::arg("prec"), py::arg("device") = 0, py::arg("stream") = 0,
@@ -172,7 +176,7 @@ void register_cepstra(py::module_& m) {
         r.stft.prec = full_width(prec == 2);
         r.stft.device = device;
         r.stft.stream = stream_handle(stream);
-        cepstra(r);
+        without_gil([&] { cepstra(r); });
       },
       py::arg("y_ptr"), py::arg("out_ptr"), py::arg("batch"), py::arg("length"), py::arg("fb"), py::arg("n_fft"),
       py::arg("hop"), py::arg("center"), py::arg("n_out"), py::arg("lifter"), py::arg("top_db"), py::arg("eps"),
@@ -196,7 +200,7 @@ void register_cepstra(py::module_& m) {
         r.stft.prec = full_width(prec == 2);
         r.stft.device = device;
         r.stft.stream = stream_handle(stream);
-        cepstra_adjoint(r, device_address(gc), device_address(gx));
+        without_gil([&] { cepstra_adjoint(r, device_address(gc), device_address(gx)); });
       },
       py::arg("gc_ptr"), py::arg("x_ptr"), py::arg("gx_ptr"), py::arg("batch"), py::arg("length"), py::arg("fb"),
       py::arg("n_fft"), py::arg("hop"), py::arg("center"), py::arg("n_out"), py::arg("lifter"), py::arg("top_db"),

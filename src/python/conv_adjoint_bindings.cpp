@@ -27,6 +27,7 @@ void register_conv_adjoint(py::module_& m) {
         conv_adjoint(device_address(gy_ptr), device_address(w_ptr), device_address(out_ptr), c,
                      c.complex ? full_width(prec == 2) : precision_code(prec), device, stream_handle(stream));
       },
+      py::call_guard<py::gil_scoped_release>(),
       py::arg("gy_ptr"), py::arg("w_ptr"), py::arg("out_ptr"), py::arg("rows"), py::arg("rows_w"), py::arg("len_g"),
       py::arg("len_w"), py::arg("nf"), py::arg("off"), py::arg("sl_start"), py::arg("sl_len"), py::arg("sum_rows"),
       py::arg("cplx"), py::arg("prec"), py::arg("device") = 0, py::arg("stream") = 0,

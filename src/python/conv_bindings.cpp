@@ -105,6 +105,7 @@ void register_convolution(py::module_& m) {
                  resident_call(rows, rows_b, n, mm, nf, start, outlen), precision_code(prec), device,
                  stream_handle(stream));
       },
+      py::call_guard<py::gil_scoped_release>(),
       py::arg("a_ptr"), py::arg("b_ptr"), py::arg("y_ptr"), py::arg("rows"), py::arg("rows_b"), py::arg("n"),
       py::arg("m"), py::arg("nf"), py::arg("start"), py::arg("outlen"), py::arg("prec"), py::arg("device") = 0,
       py::arg("stream") = 0,
@@ -133,6 +134,7 @@ void register_convolution(py::module_& m) {
         conv_cplx(device_address(a_ptr), device_address(b_ptr), device_address(y_ptr),
                   resident_call(rows, rows_b, n, mm, nf, start, outlen), prec == 2, device, stream_handle(stream));
       },
+      py::call_guard<py::gil_scoped_release>(),
       py::arg("a_ptr"), py::arg("b_ptr"), py::arg("y_ptr"), py::arg("rows"), py::arg("rows_b"), py::arg("n"),
       py::arg("m"), py::arg("nf"), py::arg("start"), py::arg("outlen"), py::arg("prec"), py::arg("device") = 0,
       py::arg("stream") = 0,
@@ -161,6 +163,7 @@ void register_convolution(py::module_& m) {
                     resident_call(rows, rows_b, n, mm, 0, start, outlen), precision_code(prec), device,
                     stream_handle(stream));
       },
+      py::call_guard<py::gil_scoped_release>(),
       py::arg("a_ptr"), py::arg("b_ptr"), py::arg("y_ptr"), py::arg("rows"), py::arg("rows_b"), py::arg("n"),
       py::arg("m"), py::arg("start"), py::arg("outlen"), py::arg("prec"), py::arg("device") = 0,
       py::arg("stream") = 0,

@@ -25,6 +25,7 @@ void register_decibels(py::module_& m) {
         db(device_address(s), device_address(out), items, n, {mul, amin, cref, topdb, hastop},
            call_of(prec, device, stream));
       },
+      py::call_guard<py::gil_scoped_release>(),
       py::arg("s_ptr"), py::arg("out_ptr"), py::arg("items"), py::arg("n"), py::arg("mul"), py::arg("amin"),
       py::arg("cref"), py::arg("topdb"), py::arg("hastop"), py::arg("prec"), py::arg("device") = 0,
       py::arg("stream") = 0,
@@ -37,6 +38,7 @@ void register_decibels(py::module_& m) {
          uintptr_t stream) {
         db_inv(device_address(d), device_address(out), total, mul, ref, call_of(prec, device, stream));
       },
+      py::call_guard<py::gil_scoped_release>(),
       py::arg("d_ptr"), py::arg("out_ptr"), py::arg("total"), py::arg("mul"), py::arg("ref"), py::arg("prec"),
       py::arg("device") = 0, py::arg("stream") = 0,
       "The inverse of db_resident without a floor: out = ref * 10^(d / mul) over total values. double for prec 2, "
@@ -49,6 +51,7 @@ void register_decibels(py::module_& m) {
         db_adjoint(device_address(s), device_address(g), device_address(gs), items, n, {mul, amin, 0.0, topdb, hastop},
                    call_of(prec, device, stream));
       },
+      py::call_guard<py::gil_scoped_release>(),
       py::arg("s_ptr"), py::arg("g_ptr"), py::arg("gs_ptr"), py::arg("items"), py::arg("n"), py::arg("mul"),
       py::arg("amin"), py::arg("topdb"), py::arg("hastop"), py::arg("prec"), py::arg("device") = 0,
       py::arg("stream") = 0,

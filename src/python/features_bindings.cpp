@@ -82,6 +82,7 @@ void register_features(py::module_& m) {
         rms(device_address(x), device_address(out), {batch, length, frames, frame_length, hop, center},
             resident_call(prec, device, stream));
       },
+      py::call_guard<py::gil_scoped_release>(),
       "rms_resident(x, out, batch, length, frames, frame_length, hop, center, prec, device, stream), positional "
       "only: the root mean square of each rectangular frame of frame_length samples every hop, from x (batch, "
       "length) to out (batch, frames), enqueued on `stream`. With center the frames start frame_length // 2 "
@@ -95,6 +96,7 @@ void register_features(py::module_& m) {
         rms_adjoint(device_address(x), device_address(y), device_address(gy), device_address(gx),
                     {batch, length, frames, frame_length, hop, center}, resident_call(prec, device, stream));
       },
+      py::call_guard<py::gil_scoped_release>(),
       "rms_adjoint_resident(x, rms, gy, gx, batch, length, frames, frame_length, hop, center, prec, device, "
       "stream), positional only: the gradient gx (batch, length) of the frame RMS from the signal x, the "
       "forward's result rms and its gradient gy (batch, frames), every reflection of a sample folded; frames "
@@ -106,6 +108,7 @@ void register_features(py::module_& m) {
         onset_strength(device_address(mag), device_address(out), batch, frames, bins,
                        resident_call(prec, device, stream));
       },
+      py::call_guard<py::gil_scoped_release>(),
       "onset_strength_resident(m, out, batch, frames, bins, prec, device, stream), positional only: for m "
       "(batch, frames, bins) with bins fastest, out (batch, frames) is the mean over bins of max(0, m[t] - "
       "m[t - 1]), 0 for the first frame. prec: 0 half data with single arithmetic, 1 single, 2 double, 3 as 0.");
@@ -116,6 +119,7 @@ void register_features(py::module_& m) {
         onset_strength_adjoint(device_address(mag), device_address(gy), device_address(gm), batch, frames, bins,
                                resident_call(prec, device, stream));
       },
+      py::call_guard<py::gil_scoped_release>(),
       "onset_strength_adjoint_resident(m, gy, gm, batch, frames, bins, prec, device, stream), positional only: "
       "the gradient gm (batch, frames, bins) of the onset strength from m and gy (batch, frames); a difference "
       "of exactly 0 passes no gradient. prec: 1 single, 2 double; half data are refused.");
@@ -124,6 +128,7 @@ void register_features(py::module_& m) {
       [](uintptr_t c, uintptr_t out, int64_t rows, int32_t prec, int32_t device, uintptr_t stream) {
         tonnetz(device_address(c), device_address(out), rows, resident_call(prec, device, stream));
       },
+      py::call_guard<py::gil_scoped_release>(),
       "tonnetz_resident(c, out, rows, prec, device, stream), positional only: the tonal centroids out (rows, "
       "6) of chroma rows c (rows, 12): projections on the circles of fifths, minor and major thirds (radius "
       "0.5), sine and cosine each, over the row's sum; zeros where the sum is not positive. prec: 0 half data "
@@ -134,6 +139,7 @@ void register_features(py::module_& m) {
         tonnetz_adjoint(device_address(c), device_address(gy), device_address(gc), rows,
                         resident_call(prec, device, stream));
       },
+      py::call_guard<py::gil_scoped_release>(),
       "tonnetz_adjoint_resident(c, gy, gc, rows, prec, device, stream), positional only: the gradient gc "
       "(rows, 12) of the tonal centroids from c and gy (rows, 6); zeros where the sum is not positive. prec: 1 "
       "single, 2 double; half data are refused.");

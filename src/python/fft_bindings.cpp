@@ -53,6 +53,7 @@ void register_fourier(py::module_& m) {
          uintptr_t stream) {
         fft(device_address(x), device_address(out), rows, n, resident_options(inverse, prec, dev, stream));
       },
+      py::call_guard<py::gil_scoped_release>(),
       py::arg("x"), py::arg("out"), py::arg("B"), py::arg("N"), py::arg("inverse"), py::arg("prec"), py::arg("dev"),
       py::arg("stream"),
       "Complex FFT between device addresses, enqueued on `stream`. prec: 0 half, 1 single, 2 double, 3 half "

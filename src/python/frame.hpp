@@ -92,13 +92,24 @@ enum class Upload { direct, pinned };
 // copied from where they lie.
 DeviceBuffer direct_to_device(const void* data, size_t bytes);
 
+// Runs `work` with the interpreter lock released, so that other Python
+// threads run while this one writes and compiles kernels or waits for the
+// device. `work` may read the memory of arrays the caller holds, but must not
+// create, copy or release a Python object.
+template <class Work>
+decltype(auto) without_gil(Work&& work) {
+  py::gil_scoped_release released;
+  return work();
+}
+
 // The road every staged call shares once its input is converted and checked
 // and its output shape settled: an output without elements returns at once,
 // with no device work; otherwise device 0 becomes current, the input goes
 // up, `run(dx, dy)` enqueues the operation between the device blocks on the
 // null stream, and the result lands in a new pinned array of `out_shape`
 // (with byte `out_strides`, or C order). Device blocks go back to their
-// pool on every way out.
+// pool on every way out. Everything but making the result array runs
+// without the interpreter lock, `run` included (see without_gil).
 template <class Out, class In, class Run>
 py::array_t<Out> staged_call(const CArray<In>& x, const std::vector<py::ssize_t>& out_shape, Upload upload,
                              Run&& run, const std::vector<py::ssize_t>& out_strides = {}) {
@@ -106,13 +117,19 @@ py::array_t<Out> staged_call(const CArray<In>& x, const std::vector<py::ssize_t>
   if (checked_size(dims) == 0) return pinned_array<Out>(out_shape, out_strides);
   dims.push_back(sizeof(Out));
   const auto bytes = static_cast<size_t>(checked_size(dims));
-  select_device(0);
-  const DeviceBuffer dx = upload == Upload::direct ? direct_to_device(x.data(), static_cast<size_t>(x.nbytes()))
-                                                   : to_device(x.data(), static_cast<size_t>(x.size()));
-  const DeviceBuffer dy(bytes, nullptr);
-  run(static_cast<const void*>(dx.p), dy.p);
+  const In* data = x.data();
+  const auto count = static_cast<size_t>(x.size());
+  DeviceBuffer dy;
+  without_gil([&] {
+    select_device(0);
+    const DeviceBuffer dx = upload == Upload::direct ? direct_to_device(data, count * sizeof(In))
+                                                     : to_device(data, count);
+    dy = DeviceBuffer(bytes, nullptr);
+    run(static_cast<const void*>(dx.p), dy.p);
+  });
   py::array_t<Out> out = pinned_array<Out>(out_shape, out_strides);
-  copy_back(out.mutable_data(), dy.p, bytes, "memcpyDtoH(out.mutable_data(), dy.p, bytes)");
+  Out* dst = out.mutable_data();
+  without_gil([&] { copy_back(dst, dy.p, bytes, "memcpyDtoH(out.mutable_data(), dy.p, bytes)"); });
   return out;
 }
 

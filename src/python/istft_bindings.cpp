@@ -79,7 +79,7 @@ void register_istft(py::module_& m) {
         r.prec = precision_code(prec);
         r.device = device;
         r.stream = stream_handle(stream);
-        istft(r);
+        without_gil([&] { istft(r); });
       },
       py::arg("z_ptr"), py::arg("y_ptr"), py::arg("batch"), py::arg("bins"), py::arg("frames"),
       py::arg("stride_batch"), py::arg("stride_bin"), py::arg("stride_frame"), py::arg("n_fft"), py::arg("hop"),

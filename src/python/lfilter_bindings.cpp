@@ -81,6 +81,7 @@ void register_lfilter(py::module_& m) {
         lfilter_pack(device_address(b_ptr), device_address(a_ptr), device_address(cf_ptr), p, m1,
                      precision_code(prec).is_double(), device, stream_handle(stream));
       },
+      py::call_guard<py::gil_scoped_release>(),
       py::arg("b_ptr"), py::arg("a_ptr"), py::arg("cf_ptr"), py::arg("p"), py::arg("m1"), py::arg("prec"),
       py::arg("device") = 0, py::arg("stream") = 0,
       "Packs the feedforward coefficients b (m1) and the feedback coefficients a (p, the leading 1 removed: a[0] "
@@ -125,6 +126,7 @@ void register_lfilter(py::module_& m) {
                 device_address(zy_ptr), call, precision_code(prec).is_double(), device, stream_handle(stream),
                 false);
       },
+      py::call_guard<py::gil_scoped_release>(),
       py::arg("x_ptr"), py::arg("y_ptr"), py::arg("cf_ptr"), py::arg("rows"), py::arg("n"), py::arg("p"),
       py::arg("m1"), py::arg("prec"), py::arg("device") = 0, py::arg("stream") = 0, py::arg("xh_ptr") = 0,
       py::arg("zy_ptr") = 0, py::arg("threads") = 256, py::arg("seq") = 16,

@@ -83,7 +83,7 @@ void register_mel(py::module_& m) {
         r.stft.prec = precision_code(prec);
         r.stft.device = device;
         r.stft.stream = stream_handle(stream);
-        mel(r);
+        without_gil([&] { mel(r); });
       },
       py::arg("x_ptr"), py::arg("mel_ptr"), py::arg("batch"), py::arg("length"), py::arg("fb"), py::arg("n_fft"),
       py::arg("hop"), py::arg("center"), py::arg("power"), py::arg("output"), py::arg("eps"), py::arg("window"),

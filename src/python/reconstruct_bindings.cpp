@@ -86,7 +86,7 @@ void register_griffinlim(py::module_& m) {
         r.is_double = prec == 2;
         r.device = device;
         r.stream = stream_handle(stream);
-        griffinlim(r);
+        without_gil([&] { griffinlim(r); });
       },
       py::arg("s_ptr"), py::arg("ang_ptr"), py::arg("y_ptr"), py::arg("batch"), py::arg("frames"), py::arg("bins"),
       py::arg("n_fft"), py::arg("hop"), py::arg("center"), py::arg("n_iter"), py::arg("momentum"),

@@ -65,6 +65,7 @@ void register_real_resident(py::module_& m) {
       [](uintptr_t x, uintptr_t out, int64_t rows, int32_t n, int32_t prec, int32_t dev, uintptr_t stream) {
         rfft(device_address(x), device_address(out), rows, n, resident_options(false, prec, dev, stream));
       },
+      py::call_guard<py::gil_scoped_release>(),
       py::arg("x"), py::arg("out"), py::arg("B"), py::arg("N"), py::arg("prec"), py::arg("dev"), py::arg("stream"),
       "Real-input FFT between device addresses, enqueued on `stream`. prec: 0 half, 1 single, 2 double; 3 "
       "runs as 0.");
@@ -73,6 +74,7 @@ void register_real_resident(py::module_& m) {
       [](uintptr_t x, uintptr_t out, int64_t rows, int32_t n, int32_t prec, int32_t dev, uintptr_t stream) {
         rfft(device_address(x), device_address(out), rows, n, resident_options(true, prec, dev, stream));
       },
+      py::call_guard<py::gil_scoped_release>(),
       py::arg("X"), py::arg("out"), py::arg("B"), py::arg("n"), py::arg("prec"), py::arg("dev"), py::arg("stream"),
       "Inverse real FFT between device addresses, enqueued on `stream`: n // 2 + 1 bins to n samples a row.");
 }

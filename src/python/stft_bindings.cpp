@@ -81,7 +81,7 @@ void register_stft(py::module_& m) {
         r.prec = precision_code(prec);
         r.device = device;
         r.stream = stream_handle(stream);
-        stft(r);
+        without_gil([&] { stft(r); });
       },
       py::arg("x_ptr"), py::arg("out_ptr"), py::arg("batch"), py::arg("length"), py::arg("n_fft"), py::arg("hop"),
       py::arg("center"), py::arg("output"), py::arg("eps"), py::arg("window"), py::arg("prec"),

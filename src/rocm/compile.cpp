@@ -7,12 +7,12 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <stdexcept>
-#include <unordered_map>
 #include <vector>
 
+#include "rocm/cache_file.hpp"
 #include "rocm/context.hpp"
+#include "rocm/once_map.hpp"
 
 namespace fs = std::filesystem;
 
@@ -22,13 +22,15 @@ namespace {
 
 using hip_dl::hipFunction_t;
 
-std::unordered_map<std::string, hipFunction_t>& lookup_cache() {
-  static std::unordered_map<std::string, hipFunction_t> cache;
+// Kernels by key and device: the table every operation's first call meets.
+OnceMap<std::string, hipFunction_t>& lookup_cache() {
+  static auto& cache = *new OnceMap<std::string, hipFunction_t>;
   return cache;
 }
 
-std::unordered_map<std::string, hipFunction_t>& compile_cache() {
-  static std::unordered_map<std::string, hipFunction_t> cache;
+// Kernels by device, name and text: two keys of one text share a module.
+OnceMap<std::string, hipFunction_t>& compile_cache() {
+  static auto& cache = *new OnceMap<std::string, hipFunction_t>;
   return cache;
 }
 
@@ -37,31 +39,49 @@ fs::path cache_base() {
   return fs::temp_directory_path() / "ondrel_cache";
 }
 
-// A usable function from a cached image, or null: an empty, truncated,
-// foreign or corrupt file just means "compile again".
-hipFunction_t load_cached(const std::string& path, const std::string& name) {
+// The whole file, or nothing when it cannot be read or is larger than any
+// code object this cache writes.
+std::vector<char> read_file(const std::string& path) {
+  constexpr std::uintmax_t kLargest = std::uintmax_t{1} << 30;
+  std::error_code ec;
+  const std::uintmax_t size = fs::file_size(path, ec);
+  if (ec || size == 0 || size > kLargest) return {};
+  std::vector<char> image(static_cast<size_t>(size));
   std::ifstream in(path, std::ios::binary);
-  if (!in) return nullptr;
-  const std::vector<char> image((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  if (image.empty()) return nullptr;
+  if (!in.read(image.data(), static_cast<std::streamsize>(image.size())) || in.peek() != EOF) return {};
+  return image;
+}
+
+// A usable function from the cache file of kernel `hash`, or null: anything
+// but the code object that this kernel compiled to for `arch` just means
+// "compile again". Only a checked object reaches the runtime, since a
+// damaged one can crash the runtime's loader or load the wrong kernel.
+hipFunction_t load_cached(const std::string& path, uint64_t hash, const std::string& arch, const std::string& name) {
+  std::vector<char> code = read_file(path);
+  if (!unwrap_cache_image(code, hash, arch)) return nullptr;
   hip_dl::hipModule_t mod = nullptr;
   hipFunction_t fn = nullptr;
   const auto& hip = hip_dl::api();
-  if (hip.ModuleLoadData(&mod, image.data()) != hip_dl::hipSuccess) return nullptr;
+  if (hip.ModuleLoadData(&mod, code.data()) != hip_dl::hipSuccess) return nullptr;
   if (hip.ModuleGetFunction(&fn, mod, name.c_str()) != hip_dl::hipSuccess) return nullptr;
   return fn;
 }
 
 // Readers never see a half-written file: the image goes to a private
 // temporary first and is renamed over the final name only when complete.
-void store_atomically(const std::string& path, const std::vector<char>& code) {
+void store_atomically(const std::string& path, const std::vector<char>& image) {
   static std::atomic<unsigned long long> sequence{0};
   const std::string tmp = path + ".tmp" + std::to_string(getpid()) + "_" + std::to_string(sequence++);
   std::ofstream out(tmp, std::ios::binary);
-  out.write(code.data(), static_cast<std::streamsize>(code.size()));
+  if (!out) return;
+  out.write(image.data(), static_cast<std::streamsize>(image.size()));
   out.close();
   std::error_code ec;
-  if (out) fs::rename(tmp, path, ec);
+  if (out) {
+    fs::rename(tmp, path, ec);
+  } else {
+    fs::remove(tmp, ec);  // a full disk: no partial file stays behind
+  }
 }
 
 // Owns a hipRTC program from creation to every way out.
@@ -126,34 +146,32 @@ std::string cache_path(uint64_t hash, const std::string& arch) {
 }
 
 hipFunction_t compile_function(int device, const std::string& source, const std::string& name) {
-  std::lock_guard lock(context_mutex());
   const std::string compile_key = std::to_string(device) + '\x01' + name + '\x01' + source;
-  if (auto it = compile_cache().find(compile_key); it != compile_cache().end()) return it->second;
+  return compile_cache().get(compile_key, [&] {
+    const std::string arch = arch_tag(device);
+    const uint64_t hash = kernel_hash(source, name);
+    const std::string path = cache_path(hash, arch);
+    if (hipFunction_t fn = load_cached(path, hash, arch, name)) return fn;
 
-  const std::string arch = arch_tag(device);
-  const std::string path = cache_path(kernel_hash(source, name), arch);
-  if (hipFunction_t fn = load_cached(path, name)) return compile_cache()[compile_key] = fn;
+    const std::vector<char> code = compile_code(source, name);
+    store_atomically(path, cache_image(code, hash, arch));
 
-  const std::vector<char> code = compile_code(source, name);
-  store_atomically(path, code);
-
-  hip_dl::hipModule_t mod = nullptr;
-  if (const hip_dl::hipError_t r = hip_dl::api().ModuleLoadData(&mod, code.data()); r != hip_dl::hipSuccess)
-    throw std::runtime_error("hipModuleLoadData failed for " + name + " (" + std::to_string(code.size()) +
-                             "-byte code object compiled for " + arch + "): " + hip_error_text(r));
-  hipFunction_t fn = nullptr;
-  ONDREL_HIP_CHECK(::ondrel::hip_dl::api().ModuleGetFunction(&fn, mod, name.c_str()));
-  return compile_cache()[compile_key] = fn;
+    hip_dl::hipModule_t mod = nullptr;
+    if (const hip_dl::hipError_t r = hip_dl::api().ModuleLoadData(&mod, code.data()); r != hip_dl::hipSuccess)
+      throw std::runtime_error("hipModuleLoadData failed for " + name + " (" + std::to_string(code.size()) +
+                               "-byte code object compiled for " + arch + "): " + hip_error_text(r));
+    hipFunction_t fn = nullptr;
+    ONDREL_HIP_CHECK(::ondrel::hip_dl::api().ModuleGetFunction(&fn, mod, name.c_str()));
+    return fn;
+  });
 }
 
 hipFunction_t kernel_function(const std::string& key, int device, const std::function<std::string()>& generator,
                               const std::string& name) {
-  std::lock_guard lock(context_mutex());
-  const std::string lookup_key = key + "#" + name + "#d" + std::to_string(device);
-  if (auto it = lookup_cache().find(lookup_key); it != lookup_cache().end()) return it->second;
-  hipFunction_t fn = compile_function(device, generator(), name);
-  lookup_cache().emplace(lookup_key, fn);
-  return fn;
+  // Formed in a buffer each thread keeps: a hit allocates nothing.
+  thread_local std::string lookup_key;
+  lookup_key.assign(key).append("#").append(name).append("#d").append(std::to_string(device));
+  return lookup_cache().get(lookup_key, [&] { return compile_function(device, generator(), name); });
 }
 
 }  // namespace ondrel

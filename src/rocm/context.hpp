@@ -10,9 +10,12 @@
 
 namespace ondrel {
 
-// Guards device selection, availability, kernel lookup and compilation, and
-// the process-wide tables. Recursive: select_device holds it while the
-// availability check takes it again. Pools lock after it, never before.
+// Guards device selection, availability and the tuned table, each held only
+// for a few table operations. Kernels and device tables are not under it:
+// their caches make each entry once without a lock held (once_map.hpp), so
+// a compile or an upload never stalls other threads. Recursive:
+// select_device holds it while the availability check takes it again. Pools
+// lock after it, never before.
 std::recursive_mutex& context_mutex();
 
 // True when a HIP runtime loads and reports a device. Probed once per

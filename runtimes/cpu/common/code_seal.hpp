@@ -1,17 +1,19 @@
-// A code object is the shared object's bytes followed by a seal: a marker,
-// the object's size and a hash of its bytes. The loader checks the seal
-// before the dynamic loader ever sees the bytes, because a damaged object
+// A code object of this runtime is the shared object the host compiler
+// wrote, behind the seal of the bundled runtimes (seal/code_seal.hpp). The
+// loader opens nothing the seal does not vouch for, because a damaged object
 // can crash the dynamic loader instead of failing to open.
 #pragma once
-#include <cstddef>
 #include <string>
+
+#include "seal/code_seal.hpp"
 
 namespace ondrel_cpu {
 
-void append_seal(std::string& object);
+std::string sealed_object(const std::string& shared_object);
 
-// The size of the sealed object at `image`, or 0 when the image is not one
-// (another format, truncated, or altered).
-size_t sealed_object_size(const unsigned char* image);
+// The shared object of the code object at `image`; none unless the seal
+// holds and the object is a 64-bit ELF whose header tables lie inside it,
+// its section headers last, as the linker writes them.
+ondrel_seal::Unsealed shared_object(const void* image);
 
 }  // namespace ondrel_cpu

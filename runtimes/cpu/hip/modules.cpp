@@ -57,10 +57,9 @@ void* open_image(const unsigned char* image, size_t size) {
 // dlopen of the image, checked for this runtime's ABI.
 hipError_t load_module(hipModule_t* module, const void* image) {
   *module = nullptr;
-  const auto* bytes = static_cast<const unsigned char*>(image);
-  const size_t size = sealed_object_size(bytes);
-  if (size == 0) return hipErrorInvalidImage;
-  void* handle = open_image(bytes, size);
+  const ondrel_seal::Unsealed object = shared_object(image);
+  if (object.size == 0) return hipErrorInvalidImage;
+  void* handle = open_image(object.bytes, object.size);
   if (handle == nullptr) return hipErrorInvalidImage;
   auto abi = reinterpret_cast<int (*)()>(dlsym(handle, "ondrel_cpu_abi_version"));
   auto bind = reinterpret_cast<void (*)(const Services*)>(dlsym(handle, "ondrel_cpu_bind"));

@@ -113,7 +113,7 @@ CompileResult compile_unit(const std::string& unit,
   result.code.assign(std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>());
   result.ok = !result.code.empty();
   if (result.ok) {
-    append_seal(result.code);
+    result.code = sealed_object(result.code);
   } else {
     result.log += "the compiler wrote no shared object\n";
   }

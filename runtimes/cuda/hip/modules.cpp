@@ -42,8 +42,9 @@ extern "C" {
 hipError_t hipModuleLoadData(hipModule_t* module, const void* image) {
   if (module == nullptr || image == nullptr) return hipErrorInvalidValue;
   *module = nullptr;
-  if (sealed_cubin_size(static_cast<const unsigned char*>(image)) == 0) return hipErrorInvalidImage;
-  return with_context([&](const DriverApi& d) { return d.ModuleLoadData(module, image); });
+  const ondrel_seal::Unsealed cubin = cubin_of(image);
+  if (cubin.size == 0) return hipErrorInvalidImage;
+  return with_context([&](const DriverApi& d) { return d.ModuleLoadData(module, cubin.bytes); });
 }
 
 hipError_t hipModuleGetFunction(hipFunction_t* function, hipModule_t module, const char* name) {

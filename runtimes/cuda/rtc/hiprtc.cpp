@@ -105,11 +105,12 @@ hiprtcResult compile(OndrelRtcProgram& p, std::vector<std::string> options) {
   }
   std::string cubin(size, '\0');
   if (nvrtcResult e = api->GetCUBIN(program.prog, cubin.data()); e != 0) return to_hiprtc(e);
-  if (!append_seal(cubin)) {
+  std::optional<std::string> sealed = sealed_cubin(cubin);
+  if (!sealed) {
     p.log += "ondrel CUDA hipRTC: NVRTC's cubin does not have the expected ELF layout\n";
     return HIPRTC_ERROR_INTERNAL_ERROR;
   }
-  p.code = std::move(cubin);
+  p.code = std::move(*sealed);
   return HIPRTC_SUCCESS;
 }
 

@@ -3,21 +3,19 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
-#include <mutex>
 #include <string>
-#include <unordered_map>
 
 #include "cuda_like/tables/table_cache.hpp"
 #include "math/half.hpp"
 #include "math/hashing.hpp"
-#include "rocm/context.hpp"
+#include "rocm/once_map.hpp"
 
 namespace ondrel {
 
 namespace {
 
-std::unordered_map<uint64_t, MelDevice>& uploaded() {
-  static std::unordered_map<uint64_t, MelDevice> m;
+OnceMap<uint64_t, MelDevice>& uploaded() {
+  static auto& m = *new OnceMap<uint64_t, MelDevice>;
   return m;
 }
 
@@ -113,16 +111,14 @@ MelTable build_mel_table(const FilterBank& fb) {
 template <class T>
 MelDevice mel_device(const FilterBank& fb, int32_t n_fft, bool half) {
   const uint64_t key = combine(combine(combine(combine(136, fb.hash), widen(n_fft)), sizeof(T)), half ? 1 : 0);
-  // Held across the scan and the uploads, so that a filterbank is compacted once.
-  std::lock_guard lock(context_mutex());
-  if (auto it = uploaded().find(key); it != uploaded().end()) return it->second;
-  char stem[64];
-  std::snprintf(stem, sizeof stem, "fbt_%016llx_%d_%d_%zu_%d", static_cast<unsigned long long>(key), fb.n_mels,
-                n_fft, sizeof(T), half ? 1 : 0);
-  const MelTable table = build_mel_table(fb);
-  const MelDevice d = half ? upload<Half>(table, stem) : upload<T>(table, stem);
-  uploaded().emplace(key, d);
-  return d;
+  // A filterbank is compacted and uploaded once, with no lock held meanwhile.
+  return uploaded().get(key, [&] {
+    char stem[64];
+    std::snprintf(stem, sizeof stem, "fbt_%016llx_%d_%d_%zu_%d", static_cast<unsigned long long>(key), fb.n_mels,
+                  n_fft, sizeof(T), half ? 1 : 0);
+    const MelTable table = build_mel_table(fb);
+    return half ? upload<Half>(table, stem) : upload<T>(table, stem);
+  });
 }
 
 template MelDevice mel_device<float>(const FilterBank&, int32_t, bool);

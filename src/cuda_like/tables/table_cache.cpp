@@ -4,25 +4,24 @@
 #include <bit>
 #include <cstdio>
 #include <cstring>
-#include <mutex>
-#include <unordered_map>
 #include <utility>
 
 #include "math/hashing.hpp"
 #include "rocm/context.hpp"
 #include "rocm/device_pool.hpp"
+#include "rocm/once_map.hpp"
 
 namespace ondrel {
 
 namespace {
 
-std::unordered_map<std::string, void*>& by_name() {
-  static std::unordered_map<std::string, void*> m;
+OnceMap<std::string, void*>& by_name() {
+  static auto& m = *new OnceMap<std::string, void*>;
   return m;
 }
 
-std::unordered_map<uint64_t, void*>& by_hash() {
-  static std::unordered_map<uint64_t, void*> m;
+OnceMap<uint64_t, void*>& by_hash() {
+  static auto& m = *new OnceMap<uint64_t, void*>;
   return m;
 }
 
@@ -36,14 +35,12 @@ std::string printed(const char* fmt, A... args) {
 }  // namespace
 
 void* upload_table(const std::string& key, const void* data, size_t bytes, const char* check_text) {
-  std::lock_guard lock(context_mutex());
-  if (auto it = by_name().find(key); it != by_name().end()) return it->second;
-  // The block stays out of every free list for good: a drain cannot take it.
-  DeviceBuffer block(bytes, nullptr);
-  hip_check(hip_dl::api().MemcpyHtoD(block.p, data, bytes), __FILE__, __LINE__, check_text);
-  void* p = std::exchange(block.p, nullptr);
-  by_name().emplace(key, p);
-  return p;
+  return by_name().get(key, [&] {
+    // The block stays out of every free list for good: a drain cannot take it.
+    DeviceBuffer block(bytes, nullptr);
+    hip_check(hip_dl::api().MemcpyHtoD(block.p, data, bytes), __FILE__, __LINE__, check_text);
+    return std::exchange(block.p, nullptr);
+  });
 }
 
 void* table_by_name(const std::string& key, const void* data, size_t bytes) {
@@ -51,12 +48,11 @@ void* table_by_name(const std::string& key, const void* data, size_t bytes) {
 }
 
 void* table_by_hash(uint64_t key, const std::function<void*()>& builder) {
-  std::lock_guard lock(context_mutex());
-  if (auto it = by_hash().find(key); it != by_hash().end()) return it->second;
-  void* p = builder();
-  by_hash().emplace(key, p);
-  hip_check(hip_dl::api().DeviceSynchronize(), __FILE__, __LINE__, "deviceSynchronize()");
-  return p;
+  return by_hash().get(key, [&] {
+    void* p = builder();
+    hip_check(hip_dl::api().DeviceSynchronize(), __FILE__, __LINE__, "deviceSynchronize()");
+    return p;
+  });
 }
 
 uint64_t content_hash(const void* data, size_t bytes) {

@@ -1,8 +1,9 @@
 #pragma once
 // Constant device data that kernels read: computed on the host once, uploaded
-// once, kept for the life of the process. Two stores, both under the context
-// lock: by text key and, in front of it, by a 64-bit number key that spares
-// formatting a text on every call. Keys carry no device number.
+// once, kept for the life of the process. Two stores: by text key and, in
+// front of it, by a 64-bit number key that spares formatting a text on every
+// call. Each key is built and uploaded once, by the first thread that asks,
+// while threads asking for other keys go on. Keys carry no device number.
 #include <cstddef>
 #include <cstdint>
 #include <functional>

@@ -4,10 +4,13 @@
 
 #include <dlfcn.h>
 
+#include <chrono>
 #include <complex>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <future>
+#include <iterator>
 #include <random>
 #include <stdexcept>
 #include <vector>
@@ -15,6 +18,7 @@
 #include "child_process.hpp"
 #include "codegen/backend.hpp"
 #include "codegen/sample_kernel.hpp"
+#include "rocm/cache_file.hpp"
 #include "rocm/compile.hpp"
 #include "rocm/context.hpp"
 #include "rocm/device_pool.hpp"
@@ -197,6 +201,63 @@ TEST_F(KernelCache, LaunchedKernelGivesTheRightNumbers) {
                 if (const double e = rotation_error<double>(n, 2, seed); !(e < 1e-14))
                   throw std::runtime_error("double error " + std::to_string(e));
               }
+            }),
+            0);
+}
+
+TEST_F(KernelCache, AnotherArchitecturesObjectUnderThisName_IsCompiledAgainAndReplaced) {
+  const unsigned seed = 11;
+  const std::string text = rotation_text(8), name = rotation_name(8);
+  ASSERT_EQ(child::run([] { rotation_error<float>(8, 2, seed); }), 0);
+  // The same kernel's object as another architecture would have stored it.
+  ASSERT_EQ(child::run([&] {
+              ondrel::select_device(0);
+              const uint64_t hash = ondrel::kernel_hash(text, name);
+              const std::string path = ondrel::cache_path(hash, ondrel::arch_tag(0));
+              std::ifstream in(path, std::ios::binary);
+              std::vector<char> image((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+              if (!ondrel::unwrap_cache_image(image, hash, ondrel::arch_tag(0)))
+                throw std::runtime_error("the stored file is not valid");
+              const std::vector<char> foreign = ondrel::cache_image(image, hash, "gfx942");
+              std::ofstream(path, std::ios::binary).write(foreign.data(), static_cast<std::streamsize>(foreign.size()));
+            }),
+            0);
+  const auto right = [seed] {
+    if (const double e = rotation_error<float>(8, 2, seed); !(e < 2e-6))
+      throw std::runtime_error("float error " + std::to_string(e));
+  };
+  EXPECT_EQ(child::run(right), 0);
+  // Replaced by a valid file: a process without any hipRTC finds it.
+  setenv("ONDREL_HIPRTC_PATH", "/nonexistent/libhiprtc.so", 1);
+  EXPECT_EQ(child::run(right), 0);
+  unsetenv("ONDREL_HIPRTC_PATH");
+}
+
+TEST_F(KernelCache, WhileOneKernelIsWrittenAndCompiled_OthersAreFoundAndCompiled) {
+  ASSERT_EQ(child::run([] {
+              ondrel::select_device(0);
+              const auto compiled = kernel_function("rot_8", 0, [] { return rotation_text(8); }, rotation_name(8));
+              std::promise<void> started, release;
+              auto held = std::async(std::launch::async, [&] {
+                ondrel::select_device(0);
+                return kernel_function("rot_16", 0, [&] {
+                  started.set_value();
+                  release.get_future().wait();  // the generator of a cold kernel, held
+                  return rotation_text(16);
+                }, rotation_name(16));
+              });
+              started.get_future().wait();
+              auto others = std::async(std::launch::async, [&] {
+                ondrel::select_device(0);
+                for (int i = 0; i < 1000; ++i)
+                  if (kernel_function("rot_8", 0, [] { return std::string(); }, rotation_name(8)) != compiled)
+                    throw std::runtime_error("another function for a compiled key");
+                return kernel_function("rot_32", 0, [] { return rotation_text(32); }, rotation_name(32));
+              });
+              const bool finished = others.wait_for(std::chrono::minutes(2)) == std::future_status::ready;
+              release.set_value();
+              if (!finished) throw std::runtime_error("a held compile stalled the other thread");
+              if (!others.get() || !held.get()) throw std::runtime_error("no function");
             }),
             0);
 }
