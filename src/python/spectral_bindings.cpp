@@ -105,6 +105,7 @@ void register_spectral(py::module_& m) {
         spectral_reduce(device_address(mag), device_address(out), rows, n, stat, {fstep, p, amin, roll},
                         resident_call(prec, device, stream));
       },
+      py::call_guard<py::gil_scoped_release>(),
       py::arg("m_ptr"), py::arg("out_ptr"), py::arg("rows"), py::arg("n"), py::arg("stat"), py::arg("fstep"),
       py::arg("p"), py::arg("amin"), py::arg("roll"), py::arg("prec"), py::arg("device") = 0, py::arg("stream") = 0,
       "The statistic `stat` (as spectral_staged) of each of `rows` contiguous rows of n magnitudes, from m_ptr "
@@ -120,7 +121,7 @@ void register_spectral(py::module_& m) {
             signal_of(batch, length, spec, n_fft, hop, center, precision_code(prec), device, stream_handle(stream));
         sig.x = device_address(x);
         sig.out = device_address(out);
-        return spectral_signal(sig, stat, {fstep, p, amin, roll});
+        return without_gil([&] { return spectral_signal(sig, stat, {fstep, p, amin, roll}); });
       },
       py::arg("x_ptr"), py::arg("out_ptr"), py::arg("batch"), py::arg("length"), py::arg("window"), py::arg("n_fft"),
       py::arg("hop"), py::arg("center"), py::arg("stat"), py::arg("fstep"), py::arg("p"), py::arg("amin"),
@@ -137,6 +138,7 @@ void register_spectral(py::module_& m) {
         spectral_adjoint(device_address(mag), device_address(gy), device_address(gm), rows, n, stat,
                          {fstep, p, amin, 0.0}, resident_call(prec, device, stream));
       },
+      py::call_guard<py::gil_scoped_release>(),
       py::arg("m_ptr"), py::arg("gy_ptr"), py::arg("gm_ptr"), py::arg("rows"), py::arg("n"), py::arg("stat"),
       py::arg("fstep"), py::arg("p"), py::arg("amin"), py::arg("prec"), py::arg("device") = 0,
       py::arg("stream") = 0,
@@ -167,8 +169,11 @@ void register_spectral(py::module_& m) {
       "contrast_reduce_resident",
       [](uintptr_t mag, uintptr_t out, int64_t rows, int64_t n, const Int32Array& bt, const Int32Array& bq,
          double amin, bool linear, int32_t prec, int32_t device, uintptr_t stream) {
-        contrast_reduce(device_address(mag), device_address(out), rows, n, bands_of(bt, bq), amin, linear,
-                        resident_call(prec, device, stream));
+        const Bands bands = bands_of(bt, bq);
+        without_gil([&] {
+          contrast_reduce(device_address(mag), device_address(out), rows, n, bands, amin, linear,
+                          resident_call(prec, device, stream));
+        });
       },
       py::arg("m_ptr"), py::arg("out_ptr"), py::arg("rows"), py::arg("n"), py::arg("bt"), py::arg("bq"),
       py::arg("amin"), py::arg("linear"), py::arg("prec"), py::arg("device") = 0, py::arg("stream") = 0,
@@ -187,7 +192,7 @@ void register_spectral(py::module_& m) {
             signal_of(batch, length, spec, n_fft, hop, center, precision_code(prec), device, stream_handle(stream));
         sig.x = device_address(x);
         sig.out = device_address(out);
-        return contrast_signal(sig, bands, amin, linear);
+        return without_gil([&] { return contrast_signal(sig, bands, amin, linear); });
       },
       py::arg("x_ptr"), py::arg("out_ptr"), py::arg("batch"), py::arg("length"), py::arg("window"), py::arg("n_fft"),
       py::arg("hop"), py::arg("center"), py::arg("bt"), py::arg("bq"), py::arg("amin"), py::arg("linear"),
@@ -201,8 +206,11 @@ void register_spectral(py::module_& m) {
       "contrast_adjoint_resident",
       [](uintptr_t mag, uintptr_t gy, uintptr_t gm, int64_t rows, int64_t n, const Int32Array& bt,
          const Int32Array& bq, double amin, bool linear, int32_t prec, int32_t device, uintptr_t stream) {
-        contrast_adjoint(device_address(mag), device_address(gy), device_address(gm), rows, n, bands_of(bt, bq), amin,
-                         linear, resident_call(prec, device, stream));
+        const Bands bands = bands_of(bt, bq);
+        without_gil([&] {
+          contrast_adjoint(device_address(mag), device_address(gy), device_address(gm), rows, n, bands, amin, linear,
+                           resident_call(prec, device, stream));
+        });
       },
       py::arg("m_ptr"), py::arg("gy_ptr"), py::arg("gm_ptr"), py::arg("rows"), py::arg("n"), py::arg("bt"),
       py::arg("bq"), py::arg("amin"), py::arg("linear"), py::arg("prec"), py::arg("device") = 0,
