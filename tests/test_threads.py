@@ -104,8 +104,8 @@ def test_eight_threads_asking_for_one_cold_kernel_compile_it_once(tmp_path):
 
 # Mixed calls over the state that threads share: the kernel and table
 # caches (double twiddles, Bluestein chirps, windows), the tuned table (a
-# hint moves the epoch under the others' feet), the filterbank tables, the
-# pools and each thread's launch records.
+# hint moves the epoch under the others' feet), the filterbank and band
+# tables, the pools and each thread's launch records.
 MIXED = """
 rng = np.random.default_rng(9)
 sig = rng.standard_normal((3, 400))
@@ -128,6 +128,9 @@ CALLS = [
     lambda: r.rms_staged(sig.astype(np.float32), 32, 8, True),
     lambda: r.mel_staged(sig.astype(np.float32), "hann", bank, 64, 16, True, 2.0, "power"),
     lambda: r.istft_staged(spec, "hann", 64, 16, True),
+    lambda: r.spectral_staged(sig.astype(np.float32), "hann", 64, 16, True, 1, 1.0, 2.0, 1e-10, 0.85),
+    lambda: r.contrast_staged(sig, "hann", 64, 16, True, np.array([0, 4, 12, 33]), np.array([1, 2, 5]), 1e-10, False),
+    lambda: r.contrast_staged(sig, "hann", 64, 16, True, np.array([0, 8, 20, 33]), np.array([2, 3, 4]), 1e-10, False),
     lambda: r.set_shape_hint("stft", 1536, 384, True, 32, "power", 0, 0, 0, 0, 0, 0),
 ]
 

@@ -23,6 +23,9 @@
 #   cqt    bench/gpu/cqt_bench.py: the constant-Q transform and its adjoint
 #          beside nnAudio (carried as a wheel: not in the image); `all`
 #          runs it too
+#   spectral_features  bench/gpu/features_spectral_bench.py: centroid and
+#          contrast fused into the STFT, beside the magnitude STFT alone and
+#          beside torch; `all` runs it too
 #   filters  bench/gpu/filter_bench.py: the recursive filter beside
 #          torchaudio and scipy, the FFT convolution beside torch (needs
 #          torchaudio in the image); arguments follow. `all` runs it too.
@@ -39,8 +42,8 @@ mkdir -p "$out"
 what=${1:-all}
 shift || true
 case $what in
-  tests | fft | stft | istft | mel | cepstra | griffinlim | adjoint | cqt | filters | all) ;;
-  *) echo "usage: $0 [tests | fft | stft | istft | mel | cepstra | griffinlim | adjoint | cqt | filters | all] [benchmark arguments]" >&2; exit 2 ;;
+  tests | fft | stft | istft | mel | cepstra | griffinlim | adjoint | cqt | spectral_features | filters | all) ;;
+  *) echo "usage: $0 [tests | fft | stft | istft | mel | cepstra | griffinlim | adjoint | cqt | spectral_features | filters | all] [benchmark arguments]" >&2; exit 2 ;;
 esac
 export PYTHONUNBUFFERED=1
 
@@ -80,6 +83,11 @@ for spectral in stft istft mel cepstra griffinlim adjoint cqt; do
       tee "$out/$spectral/bench.log" || status=1
   fi
 done
+if [ "$what" = spectral_features ] || [ "$what" = all ]; then
+  mkdir -p "$out/spectral_features"
+  (cd /tmp && python3 "$root/bench/gpu/features_spectral_bench.py" --out "$out/spectral_features") 2>&1 |
+    tee "$out/spectral_features/bench.log" || status=1
+fi
 if [ "$what" = filters ] || [ "$what" = all ]; then
   mkdir -p "$out/filters"
   args=()

@@ -89,6 +89,29 @@ def inverse_mel_kernel_texts(
 ) -> list[tuple[str, str]]: ...
 def db_kernel_texts(prec: int = 1) -> list[tuple[str, str]]: ...
 def griffinlim_kernel_texts(prec: int = 1) -> list[tuple[str, str]]: ...
+def spectral_kernel_texts(stat: int, prec: int = 1) -> list[tuple[str, str]]: ...
+def spectral_fused_kernel_texts(
+    n_fft: int,
+    hop: int,
+    center: bool,
+    window: str | list[float],
+    prec: int,
+    length: int,
+    stat: int,
+    shared_limit: int = 65536,
+) -> list[tuple[str, str]]: ...
+def contrast_kernel_texts(prec: int = 1) -> list[tuple[str, str]]: ...
+def contrast_fused_kernel_texts(
+    n_fft: int,
+    hop: int,
+    center: bool,
+    window: str | list[float],
+    prec: int,
+    length: int,
+    bt: list[int],
+    bq: list[int],
+    shared_limit: int = 65536,
+) -> list[tuple[str, str]]: ...
 def conv_kernel_texts(form: str, nf: int, prec: int = 1, shared_limit: int = 65536) -> list[tuple[str, str]]: ...
 def conv_adjoint_kernel_texts(
     nf: int, cplx: bool = False, sum_rows: bool = False, prec: int = 1, shared_limit: int = 65536

@@ -262,6 +262,159 @@ def mel_adjoint_resident(
     recompute the spectrum): g on the bands, through element strides (batch, band, frame),
     to gx, every element written. power, output and eps as in the forward; exact for every
     filterbank. prec 2 double, 0 refused, anything else float."""
+def spectral_staged(
+    y: object,
+    window: object,
+    n_fft: int,
+    hop: int,
+    center: bool,
+    stat: int,
+    fstep: float,
+    p: float,
+    amin: float,
+    roll: float,
+) -> numpy.ndarray:
+    """One statistic per frame of the magnitude STFT of y (batch, samples), as (batch, frames);
+    frames and window as stft_staged. M the frame's n_fft // 2 + 1 magnitudes, f_k = fstep * k:
+    stat 0 centroid sum(f M) / max(sum M, 1e-10); 1 bandwidth (sum(M |f - centroid|^p) /
+    max(sum M, 1e-10))^(1/p); 2 flatness exp(mean(log P)) / mean(P), P = max(M^2, amin); 3
+    rolloff, f of the first bin whose running sum reaches roll * sum M (the last bin when none
+    does). An all-zero frame gives 0, 0, 1, 0. Fused into the STFT kernel where it fits, else the
+    magnitude STFT and the row reduction. float64 runs in double, other input in single; float16
+    raises TypeError."""
+def spectral_reduce_resident(
+    m_ptr: int,
+    out_ptr: int,
+    rows: int,
+    n: int,
+    stat: int,
+    fstep: float,
+    p: float,
+    amin: float,
+    roll: float,
+    prec: int,
+    device: int = 0,
+    stream: int = 0,
+) -> None:
+    """The statistic of spectral_staged for each of `rows` rows of n magnitudes, (rows, n) to
+    (rows), on `stream`. prec 0 and 3 half data with float arithmetic, 1 float, 2 double."""
+def spectral_signal_resident(
+    x_ptr: int,
+    out_ptr: int,
+    batch: int,
+    length: int,
+    window: object,
+    n_fft: int,
+    hop: int,
+    center: bool,
+    stat: int,
+    fstep: float,
+    p: float,
+    amin: float,
+    roll: float,
+    prec: int,
+    device: int = 0,
+    stream: int = 0,
+) -> bool:
+    """The statistic of spectral_staged from [batch][length] signals to (batch, frames) by the
+    fused STFT kernel alone, on `stream`. True when it ran; False with nothing enqueued where the
+    fused route declines (half data, prec 0 or 3; n_fft not a power of two; a frame too long for
+    shared memory): then stft_resident's magnitudes and spectral_reduce_resident. prec 1 float, 2
+    double."""
+def spectral_adjoint_resident(
+    m_ptr: int,
+    gy_ptr: int,
+    gm_ptr: int,
+    rows: int,
+    n: int,
+    stat: int,
+    fstep: float,
+    p: float,
+    amin: float,
+    prec: int,
+    device: int = 0,
+    stream: int = 0,
+) -> None:
+    """The gradient (rows, n) of spectral_reduce_resident's statistic with respect to the
+    magnitudes, from gy (rows), for stat 0, 1, 2; stat 3 (rolloff) has none and raises
+    ValueError. Below 1e-10 the magnitude sum is a constant; flatness bins with M^2 under amin
+    pass nothing; the bandwidth passes 0 where the spread is 0 and p exceeds 1 (a silent frame).
+    prec 1 float, 2 double; half data raise ValueError."""
+def contrast_staged(
+    y: object,
+    window: object,
+    n_fft: int,
+    hop: int,
+    center: bool,
+    bt: numpy.ndarray,
+    bq: numpy.ndarray,
+    amin: float,
+    linear: bool,
+) -> numpy.ndarray:
+    """Spectral contrast of the magnitude STFT of y (batch, samples): band b covers bins bt[b] up
+    to bt[b + 1] (n_bands + 1 rising int32 edges within [0, n_fft // 2 + 1]) and takes q = bq[b],
+    1 <= q <= its width, at each end. Per frame and band, the mean of the q largest magnitudes
+    less the mean of the q smallest, or with linear False 10 log10 of each, floored at amin.
+    Returns (batch, n_bands, frames), a view of memory (batch, frames, n_bands). float64 runs in
+    double, other input in single; float16 raises TypeError."""
+def contrast_reduce_resident(
+    m_ptr: int,
+    out_ptr: int,
+    rows: int,
+    n: int,
+    bt: numpy.ndarray,
+    bq: numpy.ndarray,
+    amin: float,
+    linear: bool,
+    prec: int,
+    device: int = 0,
+    stream: int = 0,
+) -> None:
+    """Contrast of contrast_staged for `rows` rows of n magnitudes, (rows, n) to (rows, n_bands),
+    on `stream`: a sort in shared memory where the widest band fits, else an exact selection by
+    histograms in single precision. prec 0 and 3 half data with float arithmetic, 1 float, 2
+    double."""
+def contrast_signal_resident(
+    x_ptr: int,
+    out_ptr: int,
+    batch: int,
+    length: int,
+    window: object,
+    n_fft: int,
+    hop: int,
+    center: bool,
+    bt: numpy.ndarray,
+    bq: numpy.ndarray,
+    amin: float,
+    linear: bool,
+    prec: int,
+    device: int = 0,
+    stream: int = 0,
+) -> bool:
+    """Contrast of contrast_staged from [batch][length] signals to (batch, frames, n_bands) by the
+    fused STFT kernel alone, on `stream`. True when it ran; False with nothing enqueued where the
+    fused route declines (half data; n_fft not a power of two; a frame with its widest band too
+    long for shared memory): then stft_resident's magnitudes and contrast_reduce_resident. prec 1
+    float, 2 double."""
+def contrast_adjoint_resident(
+    m_ptr: int,
+    gy_ptr: int,
+    gm_ptr: int,
+    rows: int,
+    n: int,
+    bt: numpy.ndarray,
+    bq: numpy.ndarray,
+    amin: float,
+    linear: bool,
+    prec: int,
+    device: int = 0,
+    stream: int = 0,
+) -> None:
+    """The gradient (rows, n) of contrast_reduce_resident with respect to the magnitudes, from gy
+    (rows, n_bands); bins in no band get 0. Ties: the sort gives the valley to the earliest
+    positions and the peak to the latest, the histogram shares a tied threshold's slots equally;
+    a mean under amin passes nothing in decibels. prec 1 float, 2 double; half data raise
+    ValueError."""
 def db_resident(
     s_ptr: int,
     out_ptr: int,

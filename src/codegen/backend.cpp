@@ -59,6 +59,18 @@ std::string CudaBackend::real_sqrt(int prec, const std::string& x) const {
   return (is_double(prec) ? "sqrt(" : "sqrtf(") + x + ")";
 }
 
+std::string CudaBackend::real_log(int prec, const std::string& x) const {
+  return (is_double(prec) ? "log(" : "logf(") + x + ")";
+}
+
+std::string CudaBackend::real_exp(int prec, const std::string& x) const {
+  return (is_double(prec) ? "exp(" : "expf(") + x + ")";
+}
+
+std::string CudaBackend::real_pow(int prec, const std::string& x, const std::string& y) const {
+  return (is_double(prec) ? "pow(" : "powf(") + x + ", " + y + ")";
+}
+
 std::string CudaBackend::pow_call(const std::string& x, const std::string& y) const {
   return "powf(" + x + ", " + y + ")";
 }
@@ -94,6 +106,8 @@ std::string CudaBackend::inline_head() const { return "__device__ __forceinline_
 std::string CudaBackend::unsigned_type() const { return "unsigned"; }
 std::string CudaBackend::wide_int_type() const { return "long long"; }
 std::string CudaBackend::bit_reverse(const std::string& x) const { return "__brev(" + x + ")"; }
+std::string CudaBackend::float_bits(const std::string& x) const { return "__float_as_uint(" + x + ")"; }
+std::string CudaBackend::bits_float(const std::string& x) const { return "__uint_as_float(" + x + ")"; }
 bool CudaBackend::has_wide_global_access() const { return true; }
 std::string CudaBackend::shared_pointer(const std::string& type) const { return type + "*"; }
 std::string CudaBackend::device_space() const { return ""; }

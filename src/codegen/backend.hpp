@@ -32,6 +32,10 @@ struct Backend {
   virtual std::string sqrt_call(const std::string& x) const = 0;
   // The square root in the arithmetic of `prec` (single for half data).
   virtual std::string real_sqrt(int prec, const std::string& x) const = 0;
+  // The logarithm, exponential and power in the arithmetic of `prec`.
+  virtual std::string real_log(int prec, const std::string& x) const = 0;
+  virtual std::string real_exp(int prec, const std::string& x) const = 0;
+  virtual std::string real_pow(int prec, const std::string& x, const std::string& y) const = 0;
   virtual std::string log_call(const std::string& x) const = 0;
   virtual std::string exp_call(const std::string& x) const = 0;
   virtual std::string pow_call(const std::string& x, const std::string& y) const = 0;
@@ -45,6 +49,9 @@ struct Backend {
   virtual std::string unsigned_type() const = 0;
   virtual std::string wide_int_type() const = 0;
   virtual std::string bit_reverse(const std::string& x) const = 0;
+  // The bits of a float as an unsigned word, and back.
+  virtual std::string float_bits(const std::string& x) const = 0;
+  virtual std::string bits_float(const std::string& x) const = 0;
   virtual bool has_wide_global_access() const = 0;
   virtual std::string shared_pointer(const std::string& type) const = 0;
   virtual std::string device_space() const = 0;
@@ -105,6 +112,9 @@ struct CudaBackend : Backend {
   std::string log10_call(const std::string& x) const override;
   std::string sqrt_call(const std::string& x) const override;
   std::string real_sqrt(int prec, const std::string& x) const override;
+  std::string real_log(int prec, const std::string& x) const override;
+  std::string real_exp(int prec, const std::string& x) const override;
+  std::string real_pow(int prec, const std::string& x, const std::string& y) const override;
   std::string log_call(const std::string& x) const override;
   std::string exp_call(const std::string& x) const override;
   std::string pow_call(const std::string& x, const std::string& y) const override;
@@ -118,6 +128,8 @@ struct CudaBackend : Backend {
   std::string unsigned_type() const override;
   std::string wide_int_type() const override;
   std::string bit_reverse(const std::string& x) const override;
+  std::string float_bits(const std::string& x) const override;
+  std::string bits_float(const std::string& x) const override;
   bool has_wide_global_access() const override;
   std::string shared_pointer(const std::string& type) const override;
   std::string device_space() const override;

@@ -36,6 +36,11 @@ void register_mel(pybind11::module_& m);
 // mel_adjoint_resident.
 void register_mel_adjoint(pybind11::module_& m);
 
+// spectral_staged, spectral_reduce_resident, spectral_signal_resident,
+// spectral_adjoint_resident, contrast_staged, contrast_reduce_resident,
+// contrast_signal_resident, contrast_adjoint_resident.
+void register_spectral(pybind11::module_& m);
+
 // set_shape_hint, shape_epoch, shape_hint_clear, route_explain.
 void register_hints(pybind11::module_& m);
 

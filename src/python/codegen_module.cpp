@@ -15,6 +15,7 @@
 #include "cuda_like/ops/cepstra.hpp"
 #include "cuda_like/ops/cepstra_adjoint.hpp"
 #include "cuda_like/ops/features.hpp"
+#include "cuda_like/ops/contrast.hpp"
 #include "cuda_like/ops/conv.hpp"
 #include "cuda_like/ops/cqt.hpp"
 #include "cuda_like/ops/cqt_adjoint.hpp"
@@ -27,6 +28,7 @@
 #include "cuda_like/ops/lfilter.hpp"
 #include "cuda_like/ops/rfft.hpp"
 #include "cuda_like/ops/inverse_mel.hpp"
+#include "cuda_like/ops/spectral.hpp"
 #include "cuda_like/ops/istft.hpp"
 #include "cuda_like/ops/mel.hpp"
 #include "cuda_like/ops/mel_adjoint.hpp"
@@ -82,6 +84,24 @@ py::tuple one_kernel(const std::string& binding, const char* four_step_listing, 
                           " gives");
   const ondrel::KernelPlan k = plan();
   return py::make_tuple(k.key, k.text());
+}
+
+// A signal request of the fused features, as a resident call would make it.
+ondrel::FeatureSignal feature_signal(int32_t n_fft, int32_t hop, bool center, const ondrel::WindowSpec& spec,
+                                     int32_t prec, int64_t length) {
+  ondrel::FeatureSignal s;
+  s.batch = 1;
+  s.length = length;
+  s.n_fft = n_fft;
+  s.hop = hop;
+  s.center = center;
+  s.window = &spec;
+  s.prec = ondrel::precision_code(prec);
+  return s;
+}
+
+py::list fused_texts(const std::optional<ondrel::KernelPlan>& plan) {
+  return plan ? texts({*plan}) : py::list();
 }
 
 }  // namespace
@@ -305,6 +325,42 @@ PYBIND11_MODULE(_codegen, m) {
       py::arg("prec") = 1,
       "[(kernel key, text)] of the RMS, onset strength and tonnetz kernels that resident calls of precision "
       "code prec compile: the three forwards, and the three adjoints unless the data are half.");
+  m.def(
+      "spectral_kernel_texts",
+      [](int stat, int32_t prec) { return texts(ondrel::spectral_row_kernels(stat, ondrel::precision_code(prec))); },
+      py::arg("stat"), py::arg("prec") = 1,
+      "[(kernel key, text)] of what spectral_reduce_resident and spectral_adjoint_resident compile for the "
+      "statistic and precision code: the reduction, and its adjoint unless the data are half or stat is 3.");
+  m.def(
+      "spectral_fused_kernel_texts",
+      [](int32_t n_fft, int32_t hop, bool center, const py::object& window, int32_t prec, int64_t length, int stat,
+         uint64_t shared_limit) {
+        const ondrel::WindowSpec spec = window_of(window);
+        return fused_texts(
+            ondrel::spectral_fused_kernel(feature_signal(n_fft, hop, center, spec, prec, length), stat, shared_limit));
+      },
+      py::arg("n_fft"), py::arg("hop"), py::arg("center"), py::arg("window"), py::arg("prec"), py::arg("length"),
+      py::arg("stat"), py::arg("shared_limit") = 65536,
+      "[(kernel key, text)] of the fused STFT kernel that spectral_signal_resident runs for this request on "
+      "device 0, or [] where the fused route declines.");
+  m.def(
+      "contrast_kernel_texts",
+      [](int32_t prec) { return texts(ondrel::contrast_row_kernels(ondrel::precision_code(prec))); },
+      py::arg("prec") = 1,
+      "[(kernel key, text)] of the contrast row kernels for the precision code: sort and histogram, and their "
+      "adjoints unless the data are half.");
+  m.def(
+      "contrast_fused_kernel_texts",
+      [](int32_t n_fft, int32_t hop, bool center, const py::object& window, int32_t prec, int64_t length,
+         const std::vector<int32_t>& bt, const std::vector<int32_t>& bq, uint64_t shared_limit) {
+        const ondrel::WindowSpec spec = window_of(window);
+        return fused_texts(ondrel::contrast_fused_kernel(feature_signal(n_fft, hop, center, spec, prec, length),
+                                                         ondrel::Bands{bt, bq}, shared_limit));
+      },
+      py::arg("n_fft"), py::arg("hop"), py::arg("center"), py::arg("window"), py::arg("prec"), py::arg("length"),
+      py::arg("bt"), py::arg("bq"), py::arg("shared_limit") = 65536,
+      "[(kernel key, text)] of the fused STFT kernel that contrast_signal_resident runs for this request and "
+      "band table on device 0, or [] where the fused route declines.");
   m.def(
       "conv_kernel_texts",
       [](const std::string& form, int32_t nf, int32_t prec, uint64_t shared_limit) {

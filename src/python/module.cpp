@@ -17,6 +17,7 @@ PYBIND11_MODULE(_rocm, m) {
   ondrel::python::register_griffinlim(m);
   ondrel::python::register_mel(m);
   ondrel::python::register_mel_adjoint(m);
+  ondrel::python::register_spectral(m);
   ondrel::python::register_features(m);
   ondrel::python::register_decibels(m);
   ondrel::python::register_cepstra(m);

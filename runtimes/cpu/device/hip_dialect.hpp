@@ -135,6 +135,16 @@ inline unsigned __brev(unsigned x) {
   x = ((x >> 4) & 0x0f0f0f0fu) | ((x & 0x0f0f0f0fu) << 4);
   return __builtin_bswap32(x);
 }
+inline unsigned __float_as_uint(float f) {
+  unsigned u;
+  memcpy(&u, &f, sizeof u);
+  return u;
+}
+inline float __uint_as_float(unsigned u) {
+  float f;
+  memcpy(&f, &u, sizeof f);
+  return f;
+}
 inline int __popc(unsigned x) { return __builtin_popcount(x); }
 inline int __clz(int x) { return x == 0 ? 32 : __builtin_clz(static_cast<unsigned>(x)); }
 inline int __ffs(int x) { return __builtin_ffs(x); }
