@@ -144,7 +144,7 @@ def route(n_fft=512, top_db=-1.0, batch=1, length=4000, multiprocessors=100, sha
     return "fused" if keys[0].startswith("raw_cepf_") else "staged"
 
 
-def test_the_fused_route_declines_where_designed():
+def test_the_fused_route_declines_where_it_should():
     assert route() == "fused"
     assert route(multiprocessors=0, batch=5000) == "fused"  # an unknown count does not decline
     assert route(top_db=10.0) == "staged"

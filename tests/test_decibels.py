@@ -35,7 +35,7 @@ def db_device(s, mul, amin, cref, topdb, hastop, prec):
 
 
 def adjoint_ref(s, g, mul, amin, topdb, hastop):
-    """The designed rule: floored gradient moves to the row's peak, equal
+    """The rule: floored gradient moves to the row's peak, equal
     shares among ties; a value on the floor keeps half; nothing below amin."""
     v = np.maximum(s, amin)
     u = mul * np.log10(v)

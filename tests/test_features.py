@@ -289,7 +289,7 @@ def test_adjoints_in_single_agree_with_double():
 
 # The calling contract.
 
-NO_WORK = {  # each binding's arguments in the design's names, with nothing to do
+NO_WORK = {  # each binding's arguments by their documented names, with nothing to do
     "rms_staged": dict(x=np.zeros((0, 4)), frame_length=2, hop=1, center=False),
     "onset_strength_staged": dict(S=np.zeros((0, 3, 2))),
     "tonnetz_staged": dict(C=np.zeros((0, 12, 2))),
