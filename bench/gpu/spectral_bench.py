@@ -1,5 +1,6 @@
-"""What the STFT and inverse STFT benchmarks share: the table they write
-after every case, the CUDA-event timer and the test signal's shape."""
+"""What the spectral benchmarks share: the table they write after every
+case, the timers, the test signal's shape, device blocks for resident calls
+on the CPU runtime, and the command line."""
 
 from __future__ import annotations
 

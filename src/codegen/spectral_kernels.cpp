@@ -31,7 +31,7 @@ void joint_sum(KernelWriter& w, const std::string& start) {
   tree_sum(w, {"red0", "red1"}, start);
 }
 
-// The accumulation of step one: sum and first moment, or for flatness the
+// The accumulation of the first pass: sum and first moment, or for flatness the
 // sum of powers and of their logarithms, of the value `v` at bin `i`.
 void accumulate(KernelWriter& w, int stat, int compute, const std::string& t, const std::string& v) {
   if (stat == kFlatness) {
@@ -69,7 +69,7 @@ void row_ids(KernelWriter& w) {
   w.emit("T* red1 = red0 + $;", kSpectralThreads);
 }
 
-// Step one over the row in global memory, then the joint sum.
+// The first pass over the row in global memory, then the joint sum.
 void row_sums(KernelWriter& w, int stat, int compute) {
   w.line("T a0 = (T)0, a1 = (T)0;");
   w.emit("for (I64 i = tid; i < n; i += $) {", kSpectralThreads);
