@@ -114,10 +114,19 @@ def test_the_adjoint_holds_each_frames_peak():
     args = chroma_args(plan, classes, 4)
     x = rng(6).standard_normal((2, 97))
     g = rng(7).standard_normal((2, 4, plan[5]))
-    dx, dg, dgx = DeviceArray(x), DeviceArray(g), DeviceArray(np.full(x.shape, np.nan))
-    _rocm.chroma_adjoint_resident(dx.ptr, dg.ptr, dgx.ptr, 2, 97, *args, 2)
-    gx = dgx.get()
-    assert np.isfinite(gx).all(), "unwritten gradient"
+
+    def adjoint(prec):
+        dtype = np.float64 if prec == 2 else np.float32
+        dx, dg = DeviceArray(x.astype(dtype)), DeviceArray(g.astype(dtype))
+        dgx = DeviceArray(np.full(x.shape, np.nan, dtype))
+        _rocm.chroma_adjoint_resident(dx.ptr, dg.ptr, dgx.ptr, 2, 97, *args, prec)
+        got = dgx.get().astype(np.float64)
+        assert np.isfinite(got).all(), f"unwritten gradient, prec {prec}"
+        return got
+
+    gx = adjoint(2)
+    single = np.linalg.norm(adjoint(3) - gx) / np.linalg.norm(gx)  # 3: float buffers, not half
+    assert single <= 1e-4, f"single precision {single:.3g}, seed {SEED}"
 
     def sums(xs):
         return fold(_rocm.cqt_staged(xs, *plan, "magnitude"), classes, 4)
