@@ -31,6 +31,7 @@ def test_demo_prints_versions_runtime_and_a_kernel(tmp_path):
         assert error < 1e-3
         assert ("picture: " in out) == (tmp_path / "s.png").exists()
         assert "constant-Q transform (84 bins from 32.7 Hz, dB): 84 x " in out
+        assert "chromagram: 12 pitch classes x " in out
 
 
 @pytest.mark.parametrize("prec", [0, 1, 2])

@@ -23,6 +23,9 @@
 #   cqt    bench/gpu/cqt_bench.py: the constant-Q transform and its adjoint
 #          beside nnAudio (carried as a wheel: not in the image); `all`
 #          runs it too
+#   icqt   bench/gpu/icqt_bench.py: chroma and its adjoint beside nnAudio's
+#          CQT with the fold in torch (nnAudio carried as for cqt); `all`
+#          runs it too
 #   spectral_features  bench/gpu/features_spectral_bench.py: centroid and
 #          contrast fused into the STFT, beside the magnitude STFT alone and
 #          beside torch; `all` runs it too
@@ -42,8 +45,8 @@ mkdir -p "$out"
 what=${1:-all}
 shift || true
 case $what in
-  tests | fft | stft | istft | mel | cepstra | griffinlim | adjoint | cqt | spectral_features | filters | all) ;;
-  *) echo "usage: $0 [tests | fft | stft | istft | mel | cepstra | griffinlim | adjoint | cqt | spectral_features | filters | all] [benchmark arguments]" >&2; exit 2 ;;
+  tests | fft | stft | istft | mel | cepstra | griffinlim | adjoint | cqt | icqt | spectral_features | filters | all) ;;
+  *) echo "usage: $0 [tests | fft | stft | istft | mel | cepstra | griffinlim | adjoint | cqt | icqt | spectral_features | filters | all] [benchmark arguments]" >&2; exit 2 ;;
 esac
 export PYTHONUNBUFFERED=1
 
@@ -76,7 +79,7 @@ fi
 if [ "$what" = fft ] || [ "$what" = all ]; then
   (cd /tmp && python3 "$root/bench/gpu/fft_bench.py" --out "$out" "$@") 2>&1 | tee "$out/bench.log" || status=1
 fi
-for spectral in stft istft mel cepstra griffinlim adjoint cqt; do
+for spectral in stft istft mel cepstra griffinlim adjoint cqt icqt; do
   if [ "$what" = $spectral ] || [ "$what" = all ]; then
     mkdir -p "$out/$spectral"
     (cd /tmp && python3 "$root/bench/gpu/${spectral}_bench.py" --out "$out/$spectral") 2>&1 |

@@ -54,6 +54,9 @@ def cqt_kernel_texts(
     """(kernel key, text) of the CQT's own kernels for this plan (ondrel_hbdec, ondrel_cqtpad,
     ondrel_cqtf per fused octave, ondrel_cqtred), or with `adjoint` those of
     cqt_adjoint_resident (ondrel_cqtgc, ondrel_cqtradj, ondrel_hbadj, ondrel_cqtaddsl)."""
+def chroma_kernel_texts(n_chroma: int, prec: int = 1, adjoint: bool = False) -> list[tuple[str, str]]:
+    """(kernel key, text) of ondrel_chroma for n_chroma classes (1 to 128) and precision
+    code prec, or with `adjoint` of ondrel_chradj."""
 def mel_kernel_texts(
     n_fft: int,
     hop: int,

@@ -653,6 +653,64 @@ def cqt_adjoint_resident(
     float, or double for prec 2, whatever prec says: never half; prec 0 is refused."""
 def _cqt_last_routes() -> list[str]:
     """Test hook: 'fused' or 'staged' for each octave of this thread's last CQT call."""
+def chroma_staged(
+    y: object,
+    n_levels: int,
+    octaves: list,
+    taps: object,
+    classes: object,
+    plan_key: str,
+    n_bins: int,
+    n_chroma: int,
+    frames: int,
+) -> numpy.ndarray:
+    """Chromagram (batch, n_chroma, frames) of a (batch, samples) array: the plan's
+    constant-Q magnitude, bin i added to class classes[i], each frame divided by its
+    largest class floored at 1e-30 (silent frame 0, class without bins 0). classes:
+    n_bins integers in 0 to n_chroma - 1, checked every call; n_chroma 1 to 128.
+    float64 runs in double, anything else in single. ondrel.cqt_plan gives classes."""
+def chroma_resident(
+    x_ptr: int,
+    out_ptr: int,
+    batch: int,
+    length: int,
+    n_levels: int,
+    octaves: list,
+    taps: object,
+    classes: object,
+    plan_key: str,
+    n_bins: int,
+    n_chroma: int,
+    frames: int,
+    prec: int,
+    device: int = 0,
+    stream: int = 0,
+) -> None:
+    """chroma_staged between device addresses on `stream`: (batch, length) to (batch,
+    n_chroma, frames). prec 2 double, 1 float, 0 and 3 half signal and result with float
+    magnitudes and sums between."""
+def chroma_adjoint_resident(
+    x_ptr: int,
+    g_ptr: int,
+    gx_ptr: int,
+    batch: int,
+    length: int,
+    n_levels: int,
+    octaves: list,
+    taps: object,
+    classes: object,
+    plan_key: str,
+    n_bins: int,
+    n_chroma: int,
+    frames: int,
+    prec: int,
+    device: int = 0,
+    stream: int = 0,
+) -> None:
+    """Adjoint of chroma_resident with each frame's peak held constant: g (batch,
+    n_chroma, frames) to gx (batch, length), the gradient of acc / peak with peak frozen
+    at x, not of the normalised chroma. Buffers are float, or double for prec 2, whatever
+    prec says: never half; prec 0 is refused."""
 def conv_fft_staged(a: object, b: object, nf: int, start: int, outlen: int) -> numpy.ndarray: ...
 def conv_fft_resident(
     a_ptr: int,

@@ -40,6 +40,8 @@ class CqtPlan:
     n_bins: int
     hop: int
     freqs: np.ndarray = field(repr=False)
+    n_chroma: int = 12
+    classes: np.ndarray | None = field(default=None, repr=False)
 
     def frames(self, length: int) -> int:
         """Frames every octave has for a signal of `length` samples."""
@@ -50,6 +52,12 @@ class CqtPlan:
 
     def args(self, length: int) -> tuple:
         return self.n_levels, self.octaves, self.taps, self.plan_key, self.n_bins, self.frames(length)
+
+    def chroma_args(self, length: int) -> tuple:
+        """The arguments of `chroma_staged` but the signal: (n_levels,
+        octaves, taps, classes, plan_key, n_bins, n_chroma, frames)."""
+        return (self.n_levels, self.octaves, self.taps, self.classes, self.plan_key, self.n_bins, self.n_chroma,
+                self.frames(length))
 
 
 def _octave_basis(freqs: np.ndarray, sr: float, n_fft: int, lengths: np.ndarray, sparsity: float):
@@ -70,15 +78,27 @@ def _octave_basis(freqs: np.ndarray, sr: float, n_fft: int, lengths: np.ndarray,
     return np.ascontiguousarray(basis.real), np.ascontiguousarray(basis.imag)
 
 
+def pitch_classes(freqs: np.ndarray, n_chroma: int = 12) -> np.ndarray:
+    """The pitch class of each frequency for `n_chroma` classes an octave:
+    the nearest of n_chroma equal steps from C (C0 = 440 * 2^(-57/12) Hz,
+    class 0), counted round the octave."""
+    steps = np.rint(n_chroma * np.log2(np.asarray(freqs, float) / (440.0 * 2.0 ** (-57 / 12))))
+    return np.mod(steps, n_chroma).astype(np.int64)
+
+
 def cqt_plan(sr: float, hop: int, fmin: float, n_bins: int, bins_per_octave: int = 12, filter_scale: float = 1.0,
-             sparsity: float = 1e-3) -> CqtPlan:
+             sparsity: float = 1e-3, n_chroma: int = 12) -> CqtPlan:
     """A plan of `n_bins` bins from `fmin` Hz, `bins_per_octave` an octave,
     frames every `hop` samples of a signal at `sr` Hz. `hop` must be a
     multiple of 2^(octaves - 1), since each level halves it; the top bin
     must lie below sr / 2. Entries under `sparsity` times their row's peak
-    are dropped, which gives each row its band."""
+    are dropped, which gives each row its band. The plan also carries the
+    pitch class of every bin for `n_chroma` classes an octave
+    (`pitch_classes`), the class map of `chroma_staged`."""
     if n_bins < 1 or bins_per_octave < 1:
         raise ValueError("cqt_plan: n_bins and bins_per_octave must be positive")
+    if not 1 <= n_chroma <= 128:
+        raise ValueError("cqt_plan: n_chroma must be from 1 to 128")
     freqs = fmin * 2.0 ** (np.arange(n_bins) / bins_per_octave)
     if freqs[-1] >= sr / 2:
         raise ValueError("cqt_plan: the top bin must lie below sr / 2")
@@ -97,4 +117,5 @@ def cqt_plan(sr: float, hop: int, fmin: float, n_bins: int, bins_per_octave: int
         octaves.append((level, hop >> level, n_fft, lo, re, im))
     key = f"cqtplan_{sr!r}_{hop}_{fmin!r}_{n_bins}_{bins_per_octave}_{filter_scale!r}_{sparsity!r}"
     plan_key = "cqtplan_" + hashlib.sha1(key.encode()).hexdigest()[:16]
-    return CqtPlan(n_oct, octaves, half_band_taps(), plan_key, n_bins, hop, freqs)
+    return CqtPlan(n_oct, octaves, half_band_taps(), plan_key, n_bins, hop, freqs, n_chroma,
+                   pitch_classes(freqs, n_chroma))

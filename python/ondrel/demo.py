@@ -84,8 +84,8 @@ def spectrogram_of_a_chirp(png: str) -> None:
     at 440 Hz and 1760 Hz: its decibel spectrogram (Hann, 1024 / 256) through
     stft_staged, its 64-band mel spectrogram in dB through mel_staged,
     against numpy in float64, and its 84-bin constant-Q transform in dB
-    through cqt_staged with the plan of ondrel.cqt_plan, drawn when
-    matplotlib is there."""
+    through cqt_staged with the plan of ondrel.cqt_plan, and its chromagram
+    through chroma_staged, drawn when matplotlib is there."""
     if not _rocm.available():
         print("no device runtime available: skipping the spectrogram")
         return
@@ -100,6 +100,7 @@ def spectrogram_of_a_chirp(png: str) -> None:
     mel = _rocm.mel_staged(signal.astype(np.float32), "hann", bank, n, hop, True, 2.0, "db")[0]
     plan = cqt_plan(rate, 512, 32.7, 84, 12)
     cqt = _rocm.cqt_staged(signal.astype(np.float32), *plan.args(signal.shape[1]), "db")[0]
+    chroma = _rocm.chroma_staged(signal.astype(np.float32), *plan.chroma_args(signal.shape[1]))[0]
     padded = np.pad(signal[0], n // 2, mode="reflect")
     window = 0.5 - 0.5 * np.cos(2 * np.pi * np.arange(n) / n)
     frames = np.stack([padded[f * hop:f * hop + n] * window for f in range(db.shape[1])])
@@ -112,6 +113,10 @@ def spectrogram_of_a_chirp(png: str) -> None:
               f"the peak it differs from numpy by {error:.1e} dB at most")
     print(f"  the STFT took {took * 1e3:.1f} ms, compilation included")
     print(f"constant-Q transform (84 bins from 32.7 Hz, dB): {cqt.shape[0]} x {cqt.shape[1]} frames")
+    names = "C C# D D# E F F# G G# A A# B".split()
+    loudest = np.bincount(chroma.argmax(axis=0), minlength=12)
+    print(f"chromagram: {chroma.shape[0]} pitch classes x {chroma.shape[1]} frames; the class most often on top "
+          f"is {names[loudest.argmax()]}")
     try:
         import matplotlib
 
@@ -120,7 +125,7 @@ def spectrogram_of_a_chirp(png: str) -> None:
     except ImportError:
         print("  for the picture: pip install 'ondrel[demo]' (matplotlib), then run the demo again")
         return
-    fig, axes = plt.subplots(3, 1, figsize=(8, 10))
+    fig, axes = plt.subplots(4, 1, figsize=(8, 13))
     for ax, image, top, label, title in (
         (axes[0], db, rate / 2 / 1000, "frequency (kHz)", "stft_staged, dB (Hann, n_fft 1024, hop 256)"),
         (axes[1], mel, 64, "mel band", "mel_staged, dB (64 HTK triangles)"),
@@ -130,6 +135,11 @@ def spectrogram_of_a_chirp(png: str) -> None:
                           vmax=image.max(), extent=(0, t[-1], 0, top))
         ax.set(xlabel="time (s)", ylabel=label, title="ondrel " + title)
         fig.colorbar(shown, ax=ax, label="dB")
+    shown = axes[3].imshow(chroma, origin="lower", aspect="auto", cmap="magma", vmin=0, vmax=1,
+                           extent=(0, t[-1], -0.5, 11.5))
+    axes[3].set(xlabel="time (s)", ylabel="pitch class", title="ondrel chroma_staged (12 classes, C at 0)",
+                yticks=range(12), yticklabels=names)
+    fig.colorbar(shown, ax=axes[3], label="share of the frame's peak")
     fig.tight_layout()
     fig.savefig(png, dpi=110)
     plt.close(fig)

@@ -54,6 +54,8 @@ void register_decibels(pybind11::module_& m);
 void register_cepstra(pybind11::module_& m);
 // cqt_staged, cqt_resident, cqt_adjoint_resident.
 void register_cqt(pybind11::module_& m);
+// chroma_staged, chroma_resident, chroma_adjoint_resident.
+void register_chroma(pybind11::module_& m);
 // conv_fft_staged, conv_fft_resident, conv_cplx_staged, conv_cplx_resident,
 // conv_direct_staged, conv_direct_resident: the convolutions.
 void register_convolution(pybind11::module_& m);

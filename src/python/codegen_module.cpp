@@ -19,6 +19,7 @@
 #include "cuda_like/ops/conv.hpp"
 #include "cuda_like/ops/cqt.hpp"
 #include "cuda_like/ops/cqt_adjoint.hpp"
+#include "cuda_like/ops/chroma.hpp"
 #include "cuda_like/ops/conv_adjoint.hpp"
 #include "cuda_like/ops/conv_direct.hpp"
 #include "cuda_like/ops/decibels.hpp"
@@ -310,6 +311,15 @@ PYBIND11_MODULE(_codegen, m) {
       "hints (ondrel_hbdec, ondrel_cqtpad, ondrel_cqtf for each fused octave, ondrel_cqtred for staged ones), or "
       "with `adjoint` those of cqt_adjoint_resident (ondrel_cqtgc, ondrel_cqtradj, ondrel_hbadj, "
       "ondrel_cqtaddsl, and ondrel_hbdec where it recomputes the levels). The STFT lists its own.");
+  m.def(
+      "chroma_kernel_texts",
+      [](int64_t n_chroma, int32_t prec, bool adjoint) {
+        return texts(ondrel::chroma_kernels(prec, n_chroma, adjoint));
+      },
+      py::arg("n_chroma"), py::arg("prec") = 1, py::arg("adjoint") = false,
+      "[(kernel key, text)] of the chroma fold for n_chroma classes (1 to 128): ondrel_chroma for precision "
+      "code prec (0 and 3 half result), or with `adjoint` ondrel_chradj (2 double, anything else float). The "
+      "constant-Q transform and its adjoint list theirs.");
   m.def(
       "db_kernel_texts", [](int32_t prec) { return texts(ondrel::db_kernels(prec)); }, py::arg("prec") = 1,
       "[(kernel key, text)] of ondrel_db, ondrel_db_inv and ondrel_db_adj for precision code prec (2 double, "

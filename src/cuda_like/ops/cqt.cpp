@@ -152,7 +152,7 @@ std::vector<CqtRoute> cqt_in(const CqtForward& f) {
 codegen::CqtForm cqt_form(const CqtCall& c) {
   codegen::CqtForm f;
   f.prec = compute_digit(c);
-  f.out_prec = c.prec.half() ? kHalfCode : f.prec;
+  f.out_prec = c.prec.half() && !c.full_output ? kHalfCode : f.prec;
   f.mode = c.mode;
   f.eps = c.mode == 3 ? c.eps : 1e-10;
   return f;

@@ -52,6 +52,9 @@ struct CqtCall {
   int mode = 0;  // 0 complex, 1 magnitude, 2 power, 3 decibels
   double eps = 1e-10;
   Precision prec;
+  // Half input with the output in the compute type: magnitudes that a
+  // further kernel (the chroma fold) reads.
+  bool full_output = false;
   int32_t device = 0;
   void* stream = nullptr;
 };
