@@ -26,7 +26,6 @@ Results go to bench.json and bench.md in --out, rewritten after every case.
 from __future__ import annotations
 
 import argparse
-import json
 import os
 import statistics
 import sys
@@ -40,6 +39,7 @@ import scipy.signal
 
 import ondrel
 from ondrel import _rocm
+from spectral_bench import Bench
 
 RATE = 44100
 CONV_TAPS = 4096
@@ -111,16 +111,9 @@ def scipy_all_cores(x: np.ndarray, b: np.ndarray, a: np.ndarray, repeats: int) -
             s.unlink()
 
 
-class Bench:
-    def __init__(self, out: Path, head: str):
-        self.out, self.head, self.rows = out, head, []
-        out.mkdir(parents=True, exist_ok=True)
-
-    def add(self, row: dict) -> None:
-        self.rows.append(row)
-        print(json.dumps(row), flush=True)
-        (self.out / "bench.json").write_text(json.dumps({"device": self.head, "cases": self.rows}, indent=1))
-        (self.out / "bench.md").write_text(self.report())
+class FilterBench(Bench):
+    """Rows of both sides of each case; the table sets every side beside
+    ondrel's time for the same case."""
 
     def report(self) -> str:
         lines = [self.head, "", "| case | side | ms | × ondrel's time | rel. error |", "|---|---|---|---|---|"]
@@ -133,7 +126,7 @@ class Bench:
         return "\n".join(lines) + "\n"
 
 
-def gpu_cases(bench: Bench, rows: int, seconds: float, repeats: int) -> None:
+def gpu_cases(bench: FilterBench, rows: int, seconds: float, repeats: int) -> None:
     import torch
     import torchaudio.functional as taf
 
@@ -218,7 +211,7 @@ def gpu_cases(bench: Bench, rows: int, seconds: float, repeats: int) -> None:
                    "err": rel_error(got[:check].cpu().numpy(), ref)})
 
 
-def cpu_cases(bench: Bench, rows: int, seconds: float, repeats: int) -> None:
+def cpu_cases(bench: FilterBench, rows: int, seconds: float, repeats: int) -> None:
     n = int(seconds * RATE)
     x = np.random.default_rng(1).standard_normal((rows, n)).astype(np.float32)
     for name, (b, a) in filters().items():
@@ -257,7 +250,7 @@ def main() -> None:
             f"numpy {np.__version__}, scipy {scipy.__version__}, {os.cpu_count()} CPUs, Python "
             f"{sys.version.split()[0]}; median of {args.repeats}")
     print(head, flush=True)
-    bench = Bench(args.out, head)
+    bench = FilterBench(args.out, head)
     (cpu_cases if on_cpu else gpu_cases)(bench, rows, seconds, args.repeats)
     print("\n" + bench.report())
 

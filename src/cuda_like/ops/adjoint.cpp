@@ -35,8 +35,6 @@ constexpr unsigned kBlock = 256;
 
 size_t real_bytes(const AdjointPlan& p) { return p.prec == 2 ? 8 : 4; }
 
-hip_dl::hipStream_t stream_of(const AdjointCall& c) { return static_cast<hip_dl::hipStream_t>(c.stream); }
-
 KernelPlan plan_of(std::string key, const char* entry, uint32_t threads, uint64_t shared, codegen::KernelParams params,
                    std::function<std::string()> text) {
   KernelPlan k;
@@ -54,11 +52,6 @@ std::string tail(const AdjointPlan& p) {
   return std::to_string(p.n) + "_" + std::to_string(p.hop) + "_" + adjoint_digit(p);
 }
 
-std::string eps_decimal(double eps) {
-  uint64_t bits;
-  std::memcpy(&bits, &eps, sizeof bits);
-  return std::to_string(bits);
-}
 
 KernelPlan stft_frame_plan(const AdjointPlan& p, int device) {
   const codegen::Backend& b = codegen::hip_backend();
@@ -121,10 +114,6 @@ AdjointCall call_of(const StftAdjointRequest& r) { return adjoint_call(r, r.mode
 AdjointCall call_of(const IstftAdjointRequest& r) { return adjoint_call(r, 0, 1e-10); }
 
 
-void strides(KernelArgs& a, const StftAdjointRequest& r) {
-  a.set("sb", r.stride_batch).set("sk", r.stride_bin).set("st", r.stride_frame);
-}
-
 void run_stft_fused(const AdjointCall& c, const AdjointRecord& rec, const StftAdjointRequest& r) {
   const DeviceBuffer graw = raw_buffer(c);
   KernelArgs a = rec.main.args();
@@ -135,7 +124,7 @@ void run_stft_fused(const AdjointCall& c, const AdjointRecord& rec, const StftAd
   }
   a.set("graw", graw.p).set("win", rec.window).set("twg", rec.twg).set("NF", static_cast<int32_t>(r.frames));
   a.set("out_len", c.out_len());
-  strides(a, r);
+  set_strides(a, r);
   launch(rec.main, static_cast<unsigned>(r.frames), static_cast<unsigned>(r.batch), a, stream_of(c));
   fold(c, rec.second, graw.p, r.gx);
 }
@@ -152,7 +141,7 @@ void run_stft_staged(const AdjointCall& c, const StftAdjointRequest& r) {
     if (p.mode == 0) a.set("gX", r.g);
     else a.set("gS", r.g).set("X", static_cast<const void*>(spectrum.p));
     a.set("z", z.p).set("NF", static_cast<int32_t>(c.frames)).set("row0", start);
-    strides(a, r);
+    set_strides(a, r);
     launch(rows_kernel, static_cast<unsigned>((p.n + kBlock - 1) / kBlock), static_cast<unsigned>(count), a,
            stream_of(c));
   });
@@ -185,14 +174,21 @@ void stft_adjoint_in(const StftAdjointRequest& r) {
       });
 }
 
-void run_istft_fused(const AdjointCall& c, const AdjointRecord& rec, const IstftAdjointRequest& r) {
-  const AdjointPlan& p = c.plan;
-  const DeviceBuffer g(static_cast<size_t>(c.batch * c.out_len()) * real_bytes(p), stream_of(c));
-  KernelArgs pre = rec.second.args();
-  pre.set("gy", r.gy).set("g", g.p).set("win", rec.window).set("L", static_cast<int32_t>(r.length));
-  pre.set("pad", p.pad).set("NF", static_cast<int32_t>(r.frames)).set("out_len", c.out_len());
-  launch(rec.second, static_cast<unsigned>((c.out_len() + kBlock - 1) / kBlock), static_cast<unsigned>(r.batch), pre,
+// The pre-pass both routes share: the signal's gradient spread over the
+// padded signal and divided by the window envelope, in a block of its own.
+DeviceBuffer padded_gradient(const AdjointCall& c, const LaunchRecord& pre, const IstftAdjointRequest& r,
+                             const void* window) {
+  DeviceBuffer g(static_cast<size_t>(c.batch * c.out_len()) * real_bytes(c.plan), stream_of(c));
+  KernelArgs a = pre.args();
+  a.set("gy", r.gy).set("g", g.p).set("win", window).set("L", static_cast<int32_t>(r.length));
+  a.set("pad", c.plan.pad).set("NF", static_cast<int32_t>(r.frames)).set("out_len", c.out_len());
+  launch(pre, static_cast<unsigned>((c.out_len() + kBlock - 1) / kBlock), static_cast<unsigned>(r.batch), a,
          stream_of(c));
+  return g;
+}
+
+void run_istft_fused(const AdjointCall& c, const AdjointRecord& rec, const IstftAdjointRequest& r) {
+  const DeviceBuffer g = padded_gradient(c, rec.second, r, rec.window);
   KernelArgs a = rec.main.args();
   a.set("g", static_cast<const void*>(g.p)).set("gZ", r.gz).set("win", rec.window).set("twg", rec.twg);
   a.set("NF", static_cast<int32_t>(r.frames)).set("out_len", c.out_len());
@@ -208,11 +204,7 @@ void run_istft_staged(const AdjointCall& c, const IstftAdjointRequest& r) {
   const auto stream = stream_of(c);
   const int64_t rows = c.batch * c.frames;
   const void* window = adjoint_window(c);
-  const DeviceBuffer g(static_cast<size_t>(c.batch * c.out_len()) * sizeof(T), stream);
-  KernelArgs a = pre.args();
-  a.set("gy", r.gy).set("g", g.p).set("win", window).set("L", static_cast<int32_t>(r.length));
-  a.set("pad", p.pad).set("NF", static_cast<int32_t>(r.frames)).set("out_len", c.out_len());
-  launch(pre, static_cast<unsigned>((c.out_len() + kBlock - 1) / kBlock), static_cast<unsigned>(r.batch), a, stream);
+  const DeviceBuffer g = padded_gradient(c, pre, r, window);
   const DeviceBuffer frames(static_cast<size_t>(rows) * p.n * sizeof(T), stream);
   for_row_chunks(rows, [&](int64_t start, int64_t count) {
     KernelArgs ga = gather.args();
@@ -262,6 +254,12 @@ void istft_adjoint_in(const IstftAdjointRequest& r) {
 }  // namespace
 
 std::string adjoint_digit(const AdjointPlan& plan) { return plan.prec == 2 ? "2" : "1"; }
+
+std::string eps_decimal(double eps) {
+  uint64_t bits;
+  std::memcpy(&bits, &eps, sizeof bits);
+  return std::to_string(bits);
+}
 
 AdjointPlan adjoint_plan(int32_t n, int32_t hop, bool center, bool is_double, const WindowSpec& window) {
   AdjointPlan p;

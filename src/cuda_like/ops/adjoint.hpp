@@ -119,5 +119,13 @@ DeviceBuffer spectrum_rows(const AdjointCall& c, const void* x);
 const void* adjoint_twiddles(const AdjointCall& c);
 const void* adjoint_window(const AdjointCall& c);
 std::string adjoint_digit(const codegen::AdjointPlan& plan);
+// eps in a key: its bits in decimal, so that two eps never share a kernel.
+std::string eps_decimal(double eps);
+inline hip_dl::hipStream_t stream_of(const AdjointCall& c) { return static_cast<hip_dl::hipStream_t>(c.stream); }
+// The gradient's strides, for a request of the family that reads g strided.
+template <class Request>
+void set_strides(KernelArgs& a, const Request& r) {
+  a.set("sb", r.stride_batch).set("sk", r.stride_bin).set("st", r.stride_frame);
+}
 
 }  // namespace ondrel

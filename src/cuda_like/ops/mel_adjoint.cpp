@@ -39,12 +39,6 @@ MelAdjointPlan plan_of(const AdjointCall& c, const MelAdjointRequest& r, int32_t
   return p;
 }
 
-std::string eps_decimal(double eps) {
-  uint64_t bits;
-  std::memcpy(&bits, &eps, sizeof bits);
-  return std::to_string(bits);
-}
-
 // N_hop_P_mode_nmels_E_power, and "_w" for the full transpose.
 std::string tail(const MelAdjointPlan& p) {
   const codegen::AdjointPlan& f = p.frame;
@@ -55,33 +49,29 @@ std::string tail(const MelAdjointPlan& p) {
 
 KernelPlan frame_plan(const MelAdjointPlan& p, int device) {
   const codegen::AdjointPlan& f = p.frame;
-  KernelPlan k;
-  k.key = "adj_mel_" + std::to_string(f.n) + "_" + std::to_string(f.hop) + "_" + adjoint_digit(f) + "_" +
-          std::to_string(f.window_kind) + "_" + std::to_string(f.mode) + "_" + std::to_string(p.n_mels) + "_" +
-          std::to_string(f.pad) + "_" + eps_decimal(f.eps) + "_" + std::to_string(p.power) + "_" +
-          std::to_string(f.deterministic ? 1 : 0) + "_d" + std::to_string(device) + (p.wide ? "_w" : "");
-  k.entry = "mel_adjoint";
-  k.threads = static_cast<uint32_t>(f.tpf);
-  k.shared_bytes = codegen::mel_adjoint_shared_bytes(p);
-  k.params = codegen::mel_adjoint_params(p, codegen::hip_backend());
-  k.text = [p] { return codegen::mel_adjoint_kernel(p, codegen::hip_backend()); };
-  return k;
+  return {.key = "adj_mel_" + std::to_string(f.n) + "_" + std::to_string(f.hop) + "_" + adjoint_digit(f) + "_" +
+                 std::to_string(f.window_kind) + "_" + std::to_string(f.mode) + "_" + std::to_string(p.n_mels) + "_" +
+                 std::to_string(f.pad) + "_" + eps_decimal(f.eps) + "_" + std::to_string(p.power) + "_" +
+                 std::to_string(f.deterministic ? 1 : 0) + "_d" + std::to_string(device) + (p.wide ? "_w" : ""),
+          .entry = "mel_adjoint",
+          .threads = static_cast<uint32_t>(f.tpf),
+          .shared_bytes = codegen::mel_adjoint_shared_bytes(p),
+          .params = codegen::mel_adjoint_params(p, codegen::hip_backend()),
+          .text = [p] { return codegen::mel_adjoint_kernel(p, codegen::hip_backend()); }};
 }
 
 std::vector<KernelPlan> staged_plans(const MelAdjointPlan& p) {
   const codegen::Backend& b = codegen::hip_backend();
-  KernelPlan coef, pack;
-  coef.key = "cmacoef_" + tail(p);
-  coef.entry = "ondrel_meladjcoef";
-  coef.threads = kBlock;
-  coef.params = codegen::meladjcoef_params(p, b);
-  coef.text = [p] { return codegen::meladjcoef_kernel(p, codegen::hip_backend()); };
-  pack.key = "cmapack_" + tail(p);
-  pack.entry = "ondrel_meladjpack";
-  pack.threads = kBlock;
-  pack.params = codegen::meladjpack_params(p, b);
-  pack.text = [p] { return codegen::meladjpack_kernel(p, codegen::hip_backend()); };
-  return {coef, pack};
+  return {{.key = "cmacoef_" + tail(p),
+           .entry = "ondrel_meladjcoef",
+           .threads = kBlock,
+           .params = codegen::meladjcoef_params(p, b),
+           .text = [p] { return codegen::meladjcoef_kernel(p, codegen::hip_backend()); }},
+          {.key = "cmapack_" + tail(p),
+           .entry = "ondrel_meladjpack",
+           .threads = kBlock,
+           .params = codegen::meladjpack_params(p, b),
+           .text = [p] { return codegen::meladjpack_kernel(p, codegen::hip_backend()); }}};
 }
 
 void set_transpose(KernelArgs& a, const MelAdjointPlan& p, const MelDevice& bank) {
@@ -96,10 +86,6 @@ void set_bands(KernelArgs& a, const MelDevice& bank) {
   a.set("fb_lo", bank.lo).set("fb_off", bank.off).set("fb_w", bank.w);
 }
 
-void strides(KernelArgs& a, const MelAdjointRequest& r) {
-  a.set("sb", r.stride_batch).set("sk", r.stride_bin).set("st", r.stride_frame);
-}
-
 void run_fused(const AdjointCall& c, const MelAdjointPlan& p, const MelAdjointRecord& rec,
                const MelAdjointRequest& r) {
   const DeviceBuffer graw = raw_buffer(c);
@@ -109,16 +95,15 @@ void run_fused(const AdjointCall& c, const MelAdjointPlan& p, const MelAdjointRe
   set_transpose(a, p, rec.bank);
   a.set("NF", static_cast<int32_t>(r.frames)).set("SIG_LEN", static_cast<int32_t>(r.length));
   a.set("out_len", c.out_len());
-  strides(a, r);
-  launch(rec.main, static_cast<unsigned>(r.frames), static_cast<unsigned>(r.batch), a,
-         static_cast<hip_dl::hipStream_t>(r.stream));
+  set_strides(a, r);
+  launch(rec.main, static_cast<unsigned>(r.frames), static_cast<unsigned>(r.batch), a, stream_of(c));
   fold(c, rec.fold, graw.p, r.gx);
 }
 
 void run_staged(const AdjointCall& c, const MelAdjointPlan& p, const MelDevice& bank, const MelAdjointRequest& r) {
   const std::vector<KernelPlan> plans = staged_plans(p);
   const LaunchRecord coef_kernel = compiled(plans[0], c.device), pack_kernel = compiled(plans[1], c.device);
-  const auto stream = static_cast<hip_dl::hipStream_t>(r.stream);
+  const auto stream = stream_of(c);
   const int64_t rows = c.batch * c.frames;
   const size_t real = r.is_double ? 8 : 4;
   const DeviceBuffer z(static_cast<size_t>(rows) * p.frame.n * 2 * real, stream);
@@ -130,7 +115,7 @@ void run_staged(const AdjointCall& c, const MelAdjointPlan& p, const MelDevice& 
       a.set("gM", r.g).set("X", static_cast<const void*>(spectrum.p)).set("coef", coef.p);
       set_bands(a, bank);
       a.set("NF", static_cast<int32_t>(c.frames)).set("row0", start);
-      strides(a, r);
+      set_strides(a, r);
       launch(coef_kernel, static_cast<unsigned>((p.n_mels + kBlock - 1) / kBlock), static_cast<unsigned>(count), a,
              stream);
     });
