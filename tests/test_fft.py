@@ -138,10 +138,12 @@ LIMIT_SCRIPT = textwrap.dedent(
     sys.path.insert(0, {tests!r})
     import fft_cases
     limit = {limit}
-    # Shared-core rows near each limit, the cube kernel, and the register
-    # kernels whose exchange buffer fits only the largest limit.
+    # Shared-core rows near each limit, the cube kernel, the register kernels
+    # whose exchange buffer fits only the larger limits, and lengths whose
+    # four-step split, tiles or Bluestein route move with the limit.
     for n, prec in [(2176, 2), (3000, 2), (4000, 2), (4000, 1), (6000, 1), (85, 2), (740, 1), (1331, 2),
-                    (8192, 2), (8192, 1), (4096, 2)]:
+                    (8192, 2), (8192, 1), (4096, 2), (16384, 1), (16384, 2), (32768, 1), (15876, 1), (7919, 1),
+                    (7429, 2)]:
         dtype = np.complex128 if prec == 2 else np.complex64
         rng = np.random.default_rng([{seed}, n])
         x = (rng.standard_normal((5, n)) + 1j * rng.standard_normal((5, n))).astype(dtype)
@@ -155,11 +157,17 @@ LIMIT_SCRIPT = textwrap.dedent(
         err = np.linalg.norm(y - np.fft.fft(x.astype(np.complex128))) / np.linalg.norm(x) / np.sqrt(n)
         assert np.isfinite(y).all() and err <= (1e-12 if prec == 2 else 1e-5), (n, prec, err)
         print(n, prec, "ran" if shared else "ran in four steps", err)
+    for n, prec in [(16384, 1), (32768, 2), (1000, 1)]:
+        dtype = np.float64 if prec == 2 else np.float32
+        x = np.random.default_rng([{seed}, n]).standard_normal((3, n)).astype(dtype)
+        y = _rocm.rfft_staged(x)
+        err = np.linalg.norm(y - np.fft.rfft(x.astype(np.float64))) / np.linalg.norm(x) / np.sqrt(n)
+        assert np.isfinite(y).all() and err <= (1e-12 if prec == 2 else 1e-5), ("rfft", n, prec, err)
     """
 )
 
 
-@pytest.mark.parametrize("limit", [49152, 65536, 163840])
+@pytest.mark.parametrize("limit", [49152, 65536, 101376, 163840, 232448])
 def test_shared_limits(limit, run_python):
     tests = os.path.dirname(os.path.abspath(__file__))
     proc = run_python(LIMIT_SCRIPT.format(tests=tests, limit=limit, seed=SEED), **same_runtime_env(limit))

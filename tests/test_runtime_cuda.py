@@ -112,7 +112,7 @@ def test_module_load_refuses_damaged_code_before_the_driver(damage):
 
 
 @pytest.mark.gpu
-def test_device_reports_the_generators_shared_limit_and_its_arch():
+def test_device_reports_its_opt_in_shared_limit_and_its_arch():
     from ondrel import _rocm
 
     if ondrel.runtime != "cuda":
@@ -121,7 +121,7 @@ def test_device_reports_the_generators_shared_limit_and_its_arch():
     assert arch.startswith("sm_") and _rocm.device_name()
     hip = ctypes.CDLL(str(LIBS[0]))
     value = ctypes.c_int()
-    assert hip.hipDeviceGetAttribute(ctypes.byref(value), 74, 0) == 0 and value.value == 65536
+    assert hip.hipDeviceGetAttribute(ctypes.byref(value), 74, 0) == 0 and value.value >= 49152
     assert hip.hipDeviceGetAttribute(ctypes.byref(value), 19, 0) == 0 and value.value > 0
     name, text = _codegen.fft_kernel_text(720, 1, False, 65536)
     assert nvrtc_check.compile_errors(text, name + ".cu", arch) is None
@@ -204,7 +204,7 @@ def test_hip_entry_points_over_a_driver(run_python, fake_driver):
     assert proc.returncode == 0, proc.stderr
     assert proc.stdout.splitlines() == [
         "True 2 Fake GPU 1 sm_91",
-        "0 65536",
+        "0 232448",
         "0 163840",
         "0 232448",
         "0 52428800 101 0 0 1",

@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 #include <string>
 
 #include "hip/context.hpp"
@@ -9,19 +10,16 @@
 namespace ondrel_cuda {
 namespace {
 
-// The schedules of the kernel generators were made for 64 KiB of shared
-// memory per block; below it some lengths lose their default route, above
-// it a Rader stage may be left with fewer threads per row than it needs.
-constexpr int kDefaultSharedLimit = 65536;
-
-// ONDREL_CUDA_SHARED_LIMIT in bytes, or the default when unset or not a
-// positive number.
-int wanted_shared_limit() {
+// ONDREL_CUDA_SHARED_LIMIT in bytes; none when unset or not a positive
+// number, and the device's whole opt-in maximum is reported. A lower value
+// reproduces the routes of a smaller device (65536: those of 64 KiB parts).
+std::optional<int> wanted_shared_limit() {
   const char* env = std::getenv("ONDREL_CUDA_SHARED_LIMIT");
-  if (env == nullptr || *env == '\0') return kDefaultSharedLimit;
+  if (env == nullptr || *env == '\0') return std::nullopt;
   char* end = nullptr;
   const long v = std::strtol(env, &end, 10);
-  return *end == '\0' && v > 0 && v <= (1L << 30) ? static_cast<int>(v) : kDefaultSharedLimit;
+  if (*end != '\0' || v <= 0 || v > (1L << 30)) return std::nullopt;
+  return static_cast<int>(v);
 }
 
 // Never more than a block may opt in to, which a launch then asks for.
@@ -30,7 +28,7 @@ CUresult shared_limit(const DriverApi& d, CUdevice device, int& value) {
   CUresult r = d.DeviceGetAttribute(&optin, CU_DEVICE_ATTRIBUTE_MAX_SHARED_MEMORY_PER_BLOCK_OPTIN, device);
   if (r != CUDA_SUCCESS || optin < 1)
     r = d.DeviceGetAttribute(&optin, CU_DEVICE_ATTRIBUTE_MAX_SHARED_MEMORY_PER_BLOCK, device);
-  if (r == CUDA_SUCCESS) value = std::min(wanted_shared_limit(), optin);
+  if (r == CUDA_SUCCESS) value = std::min(wanted_shared_limit().value_or(optin), optin);
   return r;
 }
 
