@@ -19,10 +19,11 @@ from pathlib import Path
 import numpy as np
 import pytest
 
+import nvrtc_check
 import ondrel
 from device_memory import DeviceArray
 from filter_cases import pack
-from ondrel import _rocm
+from ondrel import _codegen, _rocm
 
 SEED = int(os.environ.get("ONDREL_TEST_SEED", np.random.SeedSequence().entropy % 2**32))
 
@@ -295,7 +296,7 @@ B, L, NFFT, HOP, F, NB, MELS, R = 2, 64, 16, 4, 17, 9, 4, 6
 FB = np.abs(data((MELS, NB), np.float64))
 BT, BQ = np.array([0, 3, 9], np.int32), np.array([1, 2], np.int32)
 P = data((NB, MELS), np.float64)
-ROWS_FMT = (F * NB, 1, NB)  # strides (batch, bin, frame) of [batch][frame][bin]
+STRIDES = (F * NB, 1, NB)  # strides (batch, bin, frame) of [batch][frame][bin]
 CQT = ondrel.cqt_plan(2000, 16, 100.0, 12, 6)
 CL = 256
 CQT_ARGS, CHROMA_ARGS = CQT.args(CL), CQT.chroma_args(CL)
@@ -306,19 +307,13 @@ def signal(batch: int = B, length: int = L, dtype=np.float32) -> np.ndarray:
     return data((batch, length), dtype)
 
 
-def run_status(name):
-    result = {
-        "abi_version": (), "available": (), "hiprtc_available": (), "hiprtc_version": (), "device_arch": (0,),
-        "device_count": (), "device_name": (0,), "set_deterministic": (0,), "drain_pool": (), "clear_tables": (),
-        "shape_epoch": (), "shape_hint_clear": (),
-    }
-    out = call(name, *result[name])
-    want = {"abi_version": int, "available": bool, "hiprtc_available": bool, "hiprtc_version": tuple,
-            "device_arch": str, "device_count": int, "device_name": str, "shape_epoch": int}
-    assert isinstance(out, want.get(name, type(None)))
-    if name == "hiprtc_version":
-        assert len(out) == 2 and all(isinstance(v, int) for v in out)
-
+# The status functions: the arguments of a call and the kind of its result.
+STATUS = {
+    "abi_version": ((), int), "available": ((), bool), "hiprtc_available": ((), bool),
+    "hiprtc_version": ((), tuple), "device_arch": ((0,), str), "device_count": ((), int),
+    "device_name": ((0,), str), "set_deterministic": ((0,), type(None)), "drain_pool": ((), type(None)),
+    "clear_tables": ((), type(None)), "shape_epoch": ((), int), "shape_hint_clear": ((), type(None)),
+}
 
 CASES = {}
 
@@ -331,8 +326,13 @@ def case(*names):
     return register
 
 
-case("abi_version", "available", "hiprtc_available", "hiprtc_version", "device_arch", "device_count",
-     "device_name", "set_deterministic", "drain_pool", "clear_tables", "shape_epoch", "shape_hint_clear")(run_status)
+@case(*STATUS)
+def _(name):
+    args, result = STATUS[name]
+    out = call(name, *args)
+    assert type(out) is result
+    if name == "hiprtc_version":
+        assert len(out) == 2 and all(type(v) is int for v in out)
 
 
 @case("set_shape_hint")
@@ -352,12 +352,12 @@ def _(name):
 
 @case("fft_staged", "rfft_staged", "irfft_staged")
 def _(name):
-    x = data((B, NFFT), np.float32 if name == "rfft_staged" else np.complex64)
-    if name == "irfft_staged":
-        staged(call(name, x[:, :NB], NFFT), (B, NFFT), np.float32)
+    if name == "fft_staged":
+        staged(call(name, data((B, NFFT), np.complex128), True), (B, NFFT), np.complex128)
+    elif name == "rfft_staged":
+        staged(call(name, signal(B, NFFT)), (B, NB), np.complex64)
     else:
-        staged(call(name, x, False) if name == "fft_staged" else call(name, x), x.shape if name == "fft_staged"
-               else (B, NB), np.complex64)
+        staged(call(name, data((B, NB), np.complex64), NFFT), (B, NFFT), np.float32)
 
 
 @case("fft_resident", "rfft_resident", "irfft_resident")
@@ -384,10 +384,10 @@ def _(name):
 @case("stft_adjoint_resident", "stft_adjoint_mode_resident")
 def _(name):
     if name == "stft_adjoint_resident":
-        written(lambda g, gx: call(name, g, gx, B, NB, F, *ROWS_FMT, NFFT, HOP, True, L, "hann", 1),
+        written(lambda g, gx: call(name, g, gx, B, NB, F, *STRIDES, NFFT, HOP, True, L, "hann", 1),
                 [data((B, F, NB), np.complex64)], (B, L), np.float32)
     else:
-        written(lambda g, x, gx: call(name, g, x, gx, B, NB, F, *ROWS_FMT, NFFT, HOP, True, L, "power", 1e-10,
+        written(lambda g, x, gx: call(name, g, x, gx, B, NB, F, *STRIDES, NFFT, HOP, True, L, "power", 1e-10,
                                       "hann", 2), [data((B, F, NB), np.float64), signal(dtype=np.float64)], (B, L),
                 np.float64)
 
@@ -399,7 +399,7 @@ def _(name):
         staged(call(name, z, "hann", NFFT, HOP, True), (B, L), np.float32)
         staged(call(name, z, "hann", NFFT, HOP, True, 50), (B, 50), np.float32)
     elif name == "istft_resident":
-        written(lambda z_, y: call(name, z_, y, B, NB, F, *ROWS_FMT, NFFT, HOP, True, L, "hann", 1), [z], (B, L),
+        written(lambda z_, y: call(name, z_, y, B, NB, F, *STRIDES, NFFT, HOP, True, L, "hann", 1), [z], (B, L),
                 np.float32)
     else:
         written(lambda gy, gz: call(name, gy, gz, B, L, NFFT, HOP, True, F, "hann", 1), [signal()], (B, F, NB),
@@ -585,7 +585,7 @@ def _(name):
     if name == "lfilter_pack_resident":
         got = written(lambda b_, a_, o: call(name, b_, a_, o, 1, 2, 1), [b.astype(np.float32), a.astype(np.float32)],
                       cf.shape, np.float32)
-        np.testing.assert_allclose(got, cf, rtol=1e-6)
+        np.testing.assert_allclose(got, cf, rtol=1e-6, atol=1e-30)
     elif name == "lfilter_staged":
         staged(call(name, signal(), cf, 1, 2), (B, L), np.float32)
     else:
@@ -599,3 +599,44 @@ def test_every_present_function_has_a_minimal_call():
 @pytest.mark.parametrize("name", PRESENT)
 def test_minimal_call(name):
     CASES[name](name)
+
+
+# The kernel texts those calls run, listed by the generators for the same
+# shapes, must compile for a Hopper GPU too.
+N_, O_, T_, K_, NBINS_, F_ = CQT_ARGS[:6]
+TEXTS = {
+    "fft": lambda: [_codegen.fft_kernel_text(NFFT, 2, inv) for inv in (False, True)]
+    + [_codegen.rfft_kernel_text(NFFT, 1, inv) for inv in (False, True)],
+    "stft": lambda: _codegen.stft_kernel_texts(NFFT, HOP, True, "complex", 1e-10, "hann", 1, L)
+    + _codegen.stft_kernel_texts(NFFT, HOP, True, "db", 1e-8, "hann", 2, L)
+    + _codegen.stft_kernel_texts(NFFT, HOP, True, "magnitude", 1e-10, "hann", 1, L)
+    + _codegen.stft_adjoint_kernel_texts(NFFT, HOP, True, "complex", 1e-10, "hann", 1, L)
+    + _codegen.stft_adjoint_kernel_texts(NFFT, HOP, True, "power", 1e-10, "hann", 2, L),
+    "istft": lambda: _codegen.istft_kernel_texts(NFFT, HOP, True, "hann", 1, F)
+    + _codegen.istft_adjoint_kernel_texts(NFFT, HOP, True, "hann", 1, L, F) + _codegen.griffinlim_kernel_texts(1),
+    "mel": lambda: [t for out in ("power", "db")
+                    for t in _codegen.mel_kernel_texts(NFFT, HOP, True, MELS, 2.0, out, 1e-10, "hann", 1, L)]
+    + _codegen.mel_adjoint_kernel_texts(FB, NFFT, HOP, True, 2.0, "power", 1e-10, "hann", 1, L),
+    "spectral": lambda: [t for stat in (0, 1, 2) for t in _codegen.spectral_kernel_texts(stat, 1)]
+    + _codegen.spectral_fused_kernel_texts(NFFT, HOP, True, "hann", 1, L, 0) + _codegen.contrast_kernel_texts(1)
+    + _codegen.contrast_fused_kernel_texts(NFFT, HOP, True, "hann", 1, L, list(BT), list(BQ)),
+    "features": lambda: _codegen.feature_kernel_texts(1) + _codegen.feature_kernel_texts(2)
+    + _codegen.db_kernel_texts(1),
+    "cepstra": lambda: [t for clamp in (False, True) for adj in (False, True)
+                        for t in _codegen.inverse_mel_kernel_texts(MELS, NB, 1, clamp, adj)]
+    + _codegen.cepstra_kernel_texts(NFFT, HOP, True, MELS, 3, 22.0, 80.0, 1e-10, "hann", 1, B, L)
+    + _codegen.cepstra_adjoint_kernel_texts(MELS, 3, 80.0, 1),
+    "cqt": lambda: [t for out, adj in (("complex", False), ("magnitude", False), ("complex", True))
+                    for t in _codegen.cqt_kernel_texts(CL, N_, O_, T_, NBINS_, F_, out, 1e-10, 1, adj)]
+    + _codegen.chroma_kernel_texts(CQT.n_chroma, 1) + _codegen.chroma_kernel_texts(CQT.n_chroma, 1, True),
+    "filters": lambda: [t for form in ("fft", "cplx", "direct") for t in _codegen.conv_kernel_texts(form, 16, 1)]
+    + _codegen.conv_adjoint_kernel_texts(16) + _codegen.lfilter_kernel_texts(1, 2, 1),
+}
+
+
+@pytest.mark.skipif(not nvrtc_check.available(), reason="NVRTC or the CUDA headers are missing")
+@pytest.mark.parametrize("family", TEXTS)
+def test_kernel_texts_of_the_calls_compile_for_sm90(family):
+    for key, text in TEXTS[family]():
+        errors = nvrtc_check.compile_errors(text, key + ".cu")
+        assert errors is None, f"{key}:\n{errors}"
