@@ -1,23 +1,50 @@
 """Type stub of the extension module ondrel._rocm."""
 
-import numpy
+import typing
 
-def abi_version() -> int: ...
-def available() -> bool: ...
-def hiprtc_available() -> bool: ...
-def hiprtc_version() -> tuple[int, int]: ...
-def device_arch(dev: int = 0) -> str: ...
-def device_count() -> int: ...
-def device_name(dev: int = 0) -> str: ...
-def set_deterministic(on: int) -> None: ...
-def drain_pool() -> None: ...
-def clear_tables() -> None: ...
-def fft_staged(x: numpy.ndarray, inverse: bool) -> numpy.ndarray: ...
-def rfft_staged(x: numpy.ndarray) -> numpy.ndarray: ...
-def irfft_staged(X: numpy.ndarray, n: int) -> numpy.ndarray: ...
-def fft_resident(x: int, out: int, B: int, N: int, inverse: bool, prec: int, dev: int, stream: int) -> None: ...
-def rfft_resident(x: int, out: int, B: int, N: int, prec: int, dev: int, stream: int) -> None: ...
-def irfft_resident(X: int, out: int, B: int, n: int, prec: int, dev: int, stream: int) -> None: ...
+import numpy
+import numpy.typing
+
+def abi_version() -> int:
+    """The interface revision of this module: always 3."""
+def available() -> bool:
+    """True when a HIP runtime loads and reports at least one device; probed once per process."""
+def hiprtc_available() -> bool:
+    """True when the hipRTC entry points can be bound."""
+def hiprtc_version() -> tuple[int, int]:
+    """(major, minor) of hipRTC; (0, 0) when it is absent."""
+def device_arch(dev: int = 0) -> str:
+    """Architecture name of device `dev`, up to its first ':'; "" when the query fails."""
+def device_count() -> int:
+    """Number of HIP devices; 0 when the query fails."""
+def device_name(dev: int = 0) -> str:
+    """Name of device `dev`; "" when the query fails."""
+def set_deterministic(on: int) -> None:
+    """Process-wide switch: non-zero makes overlap-add (inverse STFT, adjoints) sum frames in a
+    fixed order instead of adding them atomically. Kernels already built keep their form."""
+def drain_pool() -> None:
+    """Gives every cached free block back to the runtime: device blocks, then pinned ones."""
+def clear_tables() -> None:
+    """Does nothing: device tables live for the life of the process."""
+def fft_staged(x: numpy.ndarray, inverse: bool) -> numpy.ndarray:
+    """Complex FFT of a (batch, n) array to (batch, n); the inverse is scaled by 1/n. complex128
+    runs in double, every other dtype in single (complex64 result)."""
+def rfft_staged(x: numpy.ndarray) -> numpy.ndarray:
+    """Real-input FFT of a (batch, n) array: (batch, n // 2 + 1) bins. float64 runs in double
+    (complex128 result), every other dtype in single (complex64)."""
+def irfft_staged(X: numpy.ndarray, n: int) -> numpy.ndarray:
+    """Inverse of rfft_staged: (batch, n // 2 + 1) bins to (batch, n) samples, scaled by 1/n.
+    complex128 runs in double, every other dtype in single."""
+def fft_resident(x: int, out: int, B: int, N: int, inverse: bool, prec: int, dev: int, stream: int) -> None:
+    """Complex FFT of B rows of N interleaved complex elements between device addresses, on
+    `stream` of device `dev`. prec: 0 half, 1 single, 2 double, 3 half data with packed half
+    arithmetic where a kernel has it."""
+def rfft_resident(x: int, out: int, B: int, N: int, prec: int, dev: int, stream: int) -> None:
+    """Real-input FFT between device addresses on `stream`: B rows of N reals to B rows of
+    N // 2 + 1 complex bins. prec: 0 half, 1 single, 2 double; 3 runs as 0."""
+def irfft_resident(X: int, out: int, B: int, n: int, prec: int, dev: int, stream: int) -> None:
+    """Inverse real FFT between device addresses on `stream`: B rows of n // 2 + 1 complex bins
+    to B rows of n reals, scaled by 1/n. prec: 0 half, 1 single, 2 double; 3 runs as 0."""
 def stft_staged(
     y: object, window: object, n_fft: int, hop: int, center: bool, output: str, eps: float = 1e-10
 ) -> numpy.ndarray:
@@ -58,10 +85,19 @@ def set_shape_hint(
     tpf: int,
     core: int,
     var: int = 0,
-) -> None: ...
-def shape_epoch() -> int: ...
-def shape_hint_clear() -> None: ...
-def route_explain(op: str, n_fft: int, prec: int, device: int = 0) -> dict[str, object]: ...
+) -> None:
+    """Stores the five tuning words (ept, fpb, tpf, core, var; 0 is automatic) for one
+    operation shape and advances shape_epoch. `op` is one of stft, istft, mel, fft, rfft, cqt;
+    `prec` here is a width code: 8 half compute, 16 half storage, 32 single, 64 double."""
+def shape_epoch() -> int:
+    """Current value of the tuning generation counter."""
+def shape_hint_clear() -> None:
+    """Empties the tuned table and advances shape_epoch."""
+def route_explain(op: str, n_fft: int, prec: int, device: int = 0) -> dict[str, object]:
+    """What route a length of `op` (stft, mel, istft, fft, rfft) takes for precision code
+    `prec` on `device`, as a dict: op, n_fft, odd, pow2, frame_len, schedule, rader_prime,
+    bluestein, bluestein_m, smem, smem_cap, and core, staged, two_for_one, n1, n2 where they
+    apply. Runs no kernel."""
 def stft_adjoint_resident(
     g_ptr: int,
     gx_ptr: int,
@@ -160,8 +196,8 @@ def istft_adjoint_resident(
     written; the imaginary parts of bins 0 and n_fft / 2 (even n_fft), which the inverse
     ignores, get 0. prec 2 double, 0 refused, anything else float."""
 def griffinlim_staged(
-    S: object,
-    ang: object,
+    S: numpy.ndarray,
+    ang: numpy.ndarray,
     window: object,
     n_fft: int,
     hop: int,
@@ -346,8 +382,8 @@ def contrast_staged(
     n_fft: int,
     hop: int,
     center: bool,
-    bt: numpy.ndarray,
-    bq: numpy.ndarray,
+    bt: typing.Annotated[numpy.typing.ArrayLike, numpy.int32],
+    bq: typing.Annotated[numpy.typing.ArrayLike, numpy.int32],
     amin: float,
     linear: bool,
 ) -> numpy.ndarray:
@@ -362,8 +398,8 @@ def contrast_reduce_resident(
     out_ptr: int,
     rows: int,
     n: int,
-    bt: numpy.ndarray,
-    bq: numpy.ndarray,
+    bt: typing.Annotated[numpy.typing.ArrayLike, numpy.int32],
+    bq: typing.Annotated[numpy.typing.ArrayLike, numpy.int32],
     amin: float,
     linear: bool,
     prec: int,
@@ -383,8 +419,8 @@ def contrast_signal_resident(
     n_fft: int,
     hop: int,
     center: bool,
-    bt: numpy.ndarray,
-    bq: numpy.ndarray,
+    bt: typing.Annotated[numpy.typing.ArrayLike, numpy.int32],
+    bq: typing.Annotated[numpy.typing.ArrayLike, numpy.int32],
     amin: float,
     linear: bool,
     prec: int,
@@ -402,8 +438,8 @@ def contrast_adjoint_resident(
     gm_ptr: int,
     rows: int,
     n: int,
-    bt: numpy.ndarray,
-    bq: numpy.ndarray,
+    bt: typing.Annotated[numpy.typing.ArrayLike, numpy.int32],
+    bq: typing.Annotated[numpy.typing.ArrayLike, numpy.int32],
     amin: float,
     linear: bool,
     prec: int,
@@ -562,7 +598,11 @@ def rms_resident(
     device: int,
     stream: int,
     /,
-) -> None: ...
+) -> None:
+    """Positional only. The root mean square of each rectangular frame of frame_length samples
+    every hop, from x (batch, length) to out (batch, frames), on `stream`. With center the
+    frames start frame_length // 2 before the signal and indices past either end reflect.
+    prec: 0 half data with single arithmetic, 1 single, 2 double, 3 as 0."""
 def rms_adjoint_resident(
     x: int,
     rms: int,
@@ -578,18 +618,42 @@ def rms_adjoint_resident(
     device: int,
     stream: int,
     /,
-) -> None: ...
+) -> None:
+    """Positional only. The gradient gx (batch, length) of the frame RMS from the signal x,
+    the forward's result rms and its gradient gy (batch, frames); frames of RMS 0 pass no
+    gradient. prec: 1 single, 2 double; half data (prec 0) are refused."""
 def onset_strength_resident(
     m: int, out: int, batch: int, frames: int, bins: int, prec: int, device: int, stream: int, /
-) -> None: ...
+) -> None:
+    """Positional only. For m (batch, frames, bins) with bins fastest, out (batch, frames) is
+    the mean over bins of max(0, m[t] - m[t - 1]), 0 for the first frame. prec: 0 half data
+    with single arithmetic, 1 single, 2 double, 3 as 0."""
 def onset_strength_adjoint_resident(
     m: int, gy: int, gm: int, batch: int, frames: int, bins: int, prec: int, device: int, stream: int, /
-) -> None: ...
-def tonnetz_resident(c: int, out: int, rows: int, prec: int, device: int, stream: int, /) -> None: ...
-def tonnetz_adjoint_resident(c: int, gy: int, gc: int, rows: int, prec: int, device: int, stream: int, /) -> None: ...
-def rms_staged(x: object, frame_length: int, hop: int, center: bool, /) -> numpy.ndarray: ...
-def onset_strength_staged(S: object, /) -> numpy.ndarray: ...
-def tonnetz_staged(C: object, /) -> numpy.ndarray: ...
+) -> None:
+    """Positional only. The gradient gm (batch, frames, bins) of the onset strength from m
+    and gy (batch, frames); a difference of exactly 0 passes no gradient. prec: 1 single,
+    2 double; half data (prec 0) are refused."""
+def tonnetz_resident(c: int, out: int, rows: int, prec: int, device: int, stream: int, /) -> None:
+    """Positional only. Tonal centroids out (rows, 6) of chroma rows c (rows, 12): projections
+    on the circles of fifths, minor and major thirds (radius 0.5), sine and cosine each, over
+    the row's sum; zeros where the sum is not positive. prec: 0 half data with single
+    arithmetic, 1 single, 2 double, 3 as 0."""
+def tonnetz_adjoint_resident(c: int, gy: int, gc: int, rows: int, prec: int, device: int, stream: int, /) -> None:
+    """Positional only. The gradient gc (rows, 12) of the tonal centroids from c and gy
+    (rows, 6); zeros where the sum is not positive. prec: 1 single, 2 double; half data
+    (prec 0) are refused."""
+def rms_staged(x: object, frame_length: int, hop: int, center: bool, /) -> numpy.ndarray:
+    """Positional only. The frame RMS of x (batch, samples) as (batch, frames), frames
+    (samples - frame_length % 2) // hop + 1 with center, else (samples - frame_length) // hop
+    + 1. float64 runs in double, everything else in single; float16 is refused."""
+def onset_strength_staged(S: object, /) -> numpy.ndarray:
+    """Positional only. The onset strength of S (batch, bins, frames) as (batch, frames).
+    float64 runs in double, everything else in single; float16 is refused."""
+def tonnetz_staged(C: object, /) -> numpy.ndarray:
+    """Positional only. The tonal centroids of chroma C (batch, 12, frames) as (batch, 6,
+    frames), a view of memory laid out (batch, frames, 6). float64 runs in double, everything
+    else in single; float16 is refused."""
 def cqt_staged(
     y: object,
     n_levels: int,
@@ -711,7 +775,12 @@ def chroma_adjoint_resident(
     n_chroma, frames) to gx (batch, length), the gradient of acc / peak with peak frozen
     at x, not of the normalised chroma. Buffers are float, or double for prec 2, whatever
     prec says: never half; prec 0 is refused."""
-def conv_fft_staged(a: object, b: object, nf: int, start: int, outlen: int) -> numpy.ndarray: ...
+def conv_fft_staged(a: object, b: object, nf: int, start: int, outlen: int) -> numpy.ndarray:
+    """Real convolution through real FFTs of length nf: a (rows, n) and b (1 or rows, m) give
+    (rows, outlen), the window [start, start + outlen) of each row's full convolution (samples
+    0 to n + m - 2). nf of n + m - 1 or more gives the linear convolution, a shorter one (at
+    least n and m) the circular one; start + outlen must not pass nf. Runs in double when a is
+    float64, else in single."""
 def conv_fft_resident(
     a_ptr: int,
     b_ptr: int,
@@ -726,8 +795,14 @@ def conv_fft_resident(
     prec: int,
     device: int = 0,
     stream: int = 0,
-) -> None: ...
-def conv_cplx_staged(a: object, b: object, nf: int, start: int, outlen: int) -> numpy.ndarray: ...
+) -> None:
+    """conv_fft_staged between device addresses on `stream`: a rows x n, b rows_b x m (rows_b 1
+    or rows), y rows x outlen. prec: 0 (and 3) half data with single arithmetic, 1 single,
+    2 double."""
+def conv_cplx_staged(a: object, b: object, nf: int, start: int, outlen: int) -> numpy.ndarray:
+    """Complex convolution through complex FFTs of length nf: a (rows, n) and b (1 or rows, m)
+    give complex (rows, outlen), windowed as conv_fft_staged. Runs in double when a is
+    complex128 or float64, else in single."""
 def conv_cplx_resident(
     a_ptr: int,
     b_ptr: int,
@@ -742,8 +817,14 @@ def conv_cplx_resident(
     prec: int,
     device: int = 0,
     stream: int = 0,
-) -> None: ...
-def conv_direct_staged(a: numpy.ndarray, b: numpy.ndarray, start: int, outlen: int) -> numpy.ndarray: ...
+) -> None:
+    """conv_cplx_staged between device addresses of interleaved complex rows on `stream`: a
+    rows x n, b rows_b x m, y rows x outlen. prec 2 is double, every other value single; there
+    is no half form."""
+def conv_direct_staged(a: numpy.ndarray, b: numpy.ndarray, start: int, outlen: int) -> numpy.ndarray:
+    """Direct real convolution summed in the time domain: a (rows, n) and b (1 or rows, m) give
+    (rows, outlen), the window [start, start + outlen) of the full convolution, 0 outside it.
+    Runs in double when a is float64, else in single."""
 def conv_direct_resident(
     a_ptr: int,
     b_ptr: int,
@@ -757,7 +838,10 @@ def conv_direct_resident(
     prec: int,
     device: int = 0,
     stream: int = 0,
-) -> None: ...
+) -> None:
+    """conv_direct_staged between device addresses on `stream`: a rows x n, b rows_b x m
+    (rows_b 1 or rows), y rows x outlen. prec: 0 (and 3) half data with single sums, 1 single,
+    2 double."""
 def conv_adjoint_resident(
     gy_ptr: int,
     w_ptr: int,
@@ -775,13 +859,26 @@ def conv_adjoint_resident(
     prec: int,
     device: int = 0,
     stream: int = 0,
-) -> None: ...
+) -> None:
+    """Adjoint of the FFT convolutions on `stream`: gy (rows x len_g) placed at `off` in rows
+    of nf zeros, correlated circularly with w (rows_w x len_w, rows_w 1 or rows; conjugated when
+    cplx); out is the slice [sl_start, sl_start + sl_len) of each row (rows x sl_len), or with
+    sum_rows their sum (one row). Real data: prec 0 (and 3) half with single arithmetic, 1
+    single, 2 double; complex data: prec 2 double, else single."""
 def lfilter_pack_resident(
     b_ptr: int, a_ptr: int, cf_ptr: int, p: int, m1: int, prec: int, device: int = 0, stream: int = 0
-) -> None: ...
+) -> None:
+    """Packs b (m1 taps) and a (p feedback coefficients, the leading 1 removed) into the
+    coefficient block cf of m1 + p + 8 * p * p elements on `stream`: b, a, then A^(16 * 2^l)
+    for l from 0 to 7, A the companion matrix of a, row-major. prec 2 is double, every other
+    value single."""
 def lfilter_staged(
     x: object, cf: object, p: int, m1: int, xh: object = None, zy: object = None
-) -> numpy.ndarray: ...
+) -> numpy.ndarray:
+    """Linear recursive filter of each row of x (rows, samples) with the block cf that
+    lfilter_pack_resident lays out (scipy.signal.lfilter(b, numpy.r_[1, a], x)); returns (rows,
+    samples). xh (rows, m1 - 1) and zy (rows, p, most recent first) continue a signal; None for
+    both starts from rest. Runs in double when x is float64, else in single."""
 def lfilter_resident(
     x_ptr: int,
     y_ptr: int,
@@ -797,4 +894,8 @@ def lfilter_resident(
     zy_ptr: int = 0,
     threads: int = 256,
     seq: int = 16,
-) -> None: ...
+) -> None:
+    """lfilter_staged between device addresses on `stream`: x and y rows x n, cf from
+    lfilter_pack_resident, xh_ptr (rows x (m1 - 1)) and zy_ptr (rows x p) both or neither (0);
+    one block of `threads` threads (1 to 256) a row, runs of `seq` (16) samples. prec 2 is
+    double, every other value single."""

@@ -71,7 +71,7 @@ py::object chroma_staged(const py::handle& y, int64_t n_levels, const py::handle
 void register_chroma(py::module_& m) {
   m.def(
       "chroma_staged",
-      [](const py::object& y, int64_t n_levels, const py::object& octaves, const py::object& taps,
+      [](const py::object& y, int64_t n_levels, const py::list& octaves, const py::object& taps,
          const py::object& classes, const std::string& plan_key, int32_t n_bins, int64_t n_chroma, int64_t frames) {
         if (dtype_is_double(y))
           return chroma_staged<double>(y, n_levels, octaves, taps, classes, plan_key, n_bins, n_chroma, frames);
@@ -87,7 +87,7 @@ void register_chroma(py::module_& m) {
       "kept on the device, found by plan_key and its content.");
   m.def(
       "chroma_resident",
-      [](uintptr_t x, uintptr_t out, int64_t batch, int64_t length, int64_t n_levels, const py::object& octaves,
+      [](uintptr_t x, uintptr_t out, int64_t batch, int64_t length, int64_t n_levels, const py::list& octaves,
          const py::object& taps, const py::object& classes, const std::string& plan_key, int32_t n_bins,
          int64_t n_chroma, int64_t frames, int32_t prec, int32_t device, uintptr_t stream) {
         ChromaArgs a;
@@ -110,7 +110,7 @@ void register_chroma(py::module_& m) {
   m.def(
       "chroma_adjoint_resident",
       [](uintptr_t x, uintptr_t g, uintptr_t gx, int64_t batch, int64_t length, int64_t n_levels,
-         const py::object& octaves, const py::object& taps, const py::object& classes, const std::string& plan_key,
+         const py::list& octaves, const py::object& taps, const py::object& classes, const std::string& plan_key,
          int32_t n_bins, int64_t n_chroma, int64_t frames, int32_t prec, int32_t device, uintptr_t stream) {
         if (prec == 0) throw std::invalid_argument(kHalfAdjointText);
         ChromaArgs a;

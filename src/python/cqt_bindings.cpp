@@ -65,7 +65,7 @@ py::object cqt_staged(const py::handle& y, int64_t n_levels, const py::handle& o
 void register_cqt(py::module_& m) {
   m.def(
       "cqt_staged",
-      [](const py::object& y, int64_t n_levels, const py::object& octaves, const py::object& taps,
+      [](const py::object& y, int64_t n_levels, const py::list& octaves, const py::object& taps,
          const std::string& plan_key, int32_t n_bins, int64_t frames, const std::string& output, double eps) {
         if (dtype_is_double(y))
           return cqt_staged<double>(y, n_levels, octaves, taps, plan_key, n_bins, frames, output, eps);
@@ -84,7 +84,7 @@ void register_cqt(py::module_& m) {
       "use and never freed: a caller who changes the plan on every call grows device memory.");
   m.def(
       "cqt_resident",
-      [](uintptr_t x, uintptr_t out, int64_t batch, int64_t length, int64_t n_levels, const py::object& octaves,
+      [](uintptr_t x, uintptr_t out, int64_t batch, int64_t length, int64_t n_levels, const py::list& octaves,
          const py::object& taps, const std::string& plan_key, int32_t n_bins, int64_t frames,
          const std::string& output, double eps, int32_t prec, int32_t device, uintptr_t stream) {
         const CqtArgs args = cqt_args(n_levels, octaves, taps, plan_key, n_bins, frames);
@@ -107,7 +107,7 @@ void register_cqt(py::module_& m) {
   m.def(
       "cqt_adjoint_resident",
       [](uintptr_t x, uintptr_t g, uintptr_t gx, int64_t batch, int64_t length, int64_t n_levels,
-         const py::object& octaves, const py::object& taps, const std::string& plan_key, int32_t n_bins,
+         const py::list& octaves, const py::object& taps, const std::string& plan_key, int32_t n_bins,
          int64_t frames, const std::string& output, double eps, int32_t prec, int32_t device, uintptr_t stream) {
         if (prec == 0) throw std::invalid_argument(kHalfAdjointText);
         const CqtArgs args = cqt_args(n_levels, octaves, taps, plan_key, n_bins, frames);

@@ -56,8 +56,9 @@ void register_fourier(py::module_& m) {
       py::call_guard<py::gil_scoped_release>(),
       py::arg("x"), py::arg("out"), py::arg("B"), py::arg("N"), py::arg("inverse"), py::arg("prec"), py::arg("dev"),
       py::arg("stream"),
-      "Complex FFT between device addresses, enqueued on `stream`. prec: 0 half, 1 single, 2 double, 3 half "
-      "data with packed half arithmetic where a kernel has it.");
+      "Complex FFT of B rows of N interleaved complex elements between device addresses, enqueued on `stream` "
+      "of device `dev`; the inverse is scaled by 1/N. prec: 0 half, 1 single, 2 double, 3 half data with packed "
+      "half arithmetic where a kernel has it.");
   register_real_resident(m);
 }
 

@@ -56,7 +56,9 @@ void register_hints(py::module_& m) {
         return explanation_dict(route_explain(op, n_fft, prec, explain_shared_limit(device)));
       },
       py::arg("op"), py::arg("n_fft"), py::arg("prec"), py::arg("device") = 0,
-      "What route a length takes, as a dict; runs no kernel.");
+      "What route a length n_fft of `op` (stft, mel, istft, fft, rfft) takes at precision code `prec` on "
+      "`device`, as a dict: op, n_fft, odd, pow2, frame_len, schedule, rader_prime, bluestein, bluestein_m, "
+      "smem, smem_cap, and core, staged, two_for_one, n1, n2 where they apply. Runs no kernel.");
 }
 
 }  // namespace ondrel::python

@@ -55,7 +55,7 @@ py::object griffinlim_staged(const py::handle& s, const py::handle& ang, const p
 void register_griffinlim(py::module_& m) {
   m.def(
       "griffinlim_staged",
-      [](const py::object& s, const py::object& ang, const py::object& window, int32_t n_fft, int32_t hop,
+      [](const py::array& s, const py::array& ang, const py::object& window, int32_t n_fft, int32_t hop,
          bool center, int32_t n_iter, double momentum, int64_t length) {
         return dtype_is_double(s) ? griffinlim_staged<double>(s, ang, window, n_fft, hop, center, n_iter, momentum,
                                                               length)

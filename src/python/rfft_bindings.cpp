@@ -67,8 +67,8 @@ void register_real_resident(py::module_& m) {
       },
       py::call_guard<py::gil_scoped_release>(),
       py::arg("x"), py::arg("out"), py::arg("B"), py::arg("N"), py::arg("prec"), py::arg("dev"), py::arg("stream"),
-      "Real-input FFT between device addresses, enqueued on `stream`. prec: 0 half, 1 single, 2 double; 3 "
-      "runs as 0.");
+      "Real-input FFT between device addresses, enqueued on `stream` of device `dev`: B rows of N reals to B "
+      "rows of N // 2 + 1 complex bins. prec: 0 half, 1 single, 2 double; 3 runs as 0.");
   m.def(
       "irfft_resident",
       [](uintptr_t x, uintptr_t out, int64_t rows, int32_t n, int32_t prec, int32_t dev, uintptr_t stream) {
@@ -76,7 +76,8 @@ void register_real_resident(py::module_& m) {
       },
       py::call_guard<py::gil_scoped_release>(),
       py::arg("X"), py::arg("out"), py::arg("B"), py::arg("n"), py::arg("prec"), py::arg("dev"), py::arg("stream"),
-      "Inverse real FFT between device addresses, enqueued on `stream`: n // 2 + 1 bins to n samples a row.");
+      "Inverse real FFT between device addresses, enqueued on `stream` of device `dev`: B rows of n // 2 + 1 "
+      "complex bins to B rows of n reals. prec: 0 half, 1 single, 2 double; 3 runs as 0.");
 }
 
 }  // namespace ondrel::python
