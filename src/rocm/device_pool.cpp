@@ -26,7 +26,7 @@ void* DevicePool::alloc(size_t bytes, hip_dl::hipStream_t stream) {
   const auto& hip = hip_dl::api();
   {
     std::lock_guard guard(lock);
-    if (void* p = take_best_fit(buckets[{current_device(), stream}], n)) return p;
+    if (void* p = take_best_fit(buckets[bucket_of(stream)], n)) return p;
   }
   void* p = nullptr;
   hip_dl::hipError_t r = hip.Malloc(&p, n);
@@ -51,11 +51,26 @@ void DevicePool::free(void* p, hip_dl::hipStream_t stream) noexcept {
     return;
   }
   try {
-    buckets[{current_device(), stream}].emplace(it->second, p);
+    buckets[bucket_of(stream)].emplace(it->second, p);
   } catch (const std::bad_alloc&) {
     live_sizes.erase(it);
     hip_dl::api().Free(p);
   }
+}
+
+DevicePool::BucketKey DevicePool::bucket_of(hip_dl::hipStream_t stream) const {
+  const auto loan = loans.find(stream);
+  return {current_device(), loan == loans.end() ? stream : loan->second};
+}
+
+void DevicePool::lend(hip_dl::hipStream_t guest, hip_dl::hipStream_t owner) {
+  std::lock_guard guard(lock);
+  loans[guest] = owner;
+}
+
+void DevicePool::end_loan(hip_dl::hipStream_t guest) noexcept {
+  std::lock_guard guard(lock);
+  loans.erase(guest);
 }
 
 void DevicePool::drain() noexcept {
