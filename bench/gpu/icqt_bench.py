@@ -92,8 +92,8 @@ def inverse_cpu_cases(bench: Bench, plan, batch: int, length: int, timed, libros
     C64 = C.astype(np.complex128)
     direct = plan.direct_args(length)
     est = _rocm.icqt_direct_staged(C, *direct)
-    row = {"case": "icqt_direct_staged float32 (error: SNR dB)", "ms": timed(lambda: _rocm.icqt_direct_staged(C, *direct)),
-           "err": snr_db(est, y)}
+    row = {"case": "icqt_direct_staged float32 (error: SNR dB)",
+           "ms": timed(lambda: _rocm.icqt_direct_staged(C, *direct)), "err": snr_db(est, y)}
     if librosa is None:
         row.update(ref="ondrel float64", ref_ms=timed(lambda: _rocm.icqt_direct_staged(C64, *direct)))
     else:

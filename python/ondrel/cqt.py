@@ -159,7 +159,7 @@ def cqt_plan(sr: float, hop: int, fmin: float, n_bins: int, bins_per_octave: int
         octaves.append((level, hop >> level, n_fft, lo, re, im))
     key = f"cqtplan_{sr!r}_{hop}_{fmin!r}_{n_bins}_{bins_per_octave}_{filter_scale!r}_{sparsity!r}"
     plan_key = "cqtplan_" + hashlib.sha1(key.encode()).hexdigest()[:16]
-    direct = [(level, n_fft, lo, re.shape[0], dual_basis(re, im, 2 * np.pi * freqs[lo:lo + re.shape[0]] * 2**level / sr))
+    direct = [(level, n_fft, lo, len(re), dual_basis(re, im, 2 * np.pi * freqs[lo:lo + len(re)] * 2**level / sr))
               for level, _, n_fft, lo, re, im in octaves]
     return CqtPlan(n_oct, octaves, half_band_taps(), plan_key, n_bins, hop, freqs, n_chroma,
                    pitch_classes(freqs, n_chroma), direct)

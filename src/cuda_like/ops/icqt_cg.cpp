@@ -138,23 +138,23 @@ struct Solver {
 
   void setup() {
     const hipStream_t st = home();
-    ONDREL_HIP_CHECK(hip_dl::api().MemsetD8Async(dzero.p, 0, vec, (hipStream_t)st));
+    ONDREL_HIP_CHECK(hip_dl::api().MemsetD8Async(dzero.p, 0, vec, st));
     adjoint(job.c, db.p, st);
     forward(job.y, dC.p, st);
     adjoint(dC.p, dr.p, st);
-    ONDREL_HIP_CHECK(hip_dl::api().MemcpyDtoDAsync(dp.p, db.p, vec, (hipStream_t)st));
+    ONDREL_HIP_CHECK(hip_dl::api().MemcpyDtoDAsync(dp.p, db.p, vec, st));
     std::vector<T> minus_ones_ones(static_cast<size_t>(2 * B), T(1));
     for (int64_t b = 0; b < B; ++b) minus_ones_ones[static_cast<size_t>(b)] = T(-1);
     ONDREL_HIP_CHECK(
-        hip_dl::api().MemcpyHtoDAsync(ab_p.p, minus_ones_ones.data(), 2 * B * sizeof(T), (hipStream_t)st));
+        hip_dl::api().MemcpyHtoDAsync(ab_p.p, minus_ones_ones.data(), 2 * B * sizeof(T), st));
     // The vector lives on the host's stack.
-    ONDREL_HIP_CHECK(hip_dl::api().StreamSynchronize((hipStream_t)st));
+    ONDREL_HIP_CHECK(hip_dl::api().StreamSynchronize(st));
     vaxpby(dr.p, dp.p, ab_p, st);
-    ONDREL_HIP_CHECK(hip_dl::api().MemcpyDtoDAsync(dr.p, dp.p, vec, (hipStream_t)st));
+    ONDREL_HIP_CHECK(hip_dl::api().MemcpyDtoDAsync(dr.p, dp.p, vec, st));
     vdot(dr, dr, rs, st);
     if (!job.stop.on) return;
-    ONDREL_HIP_CHECK(hip_dl::api().MemcpyDtoDAsync(rs0.p, rs.p, B * sizeof(T), (hipStream_t)st));
-    ONDREL_HIP_CHECK(hip_dl::api().MemsetD8Async(iters.p, 0, B * sizeof(int32_t), (hipStream_t)st));
+    ONDREL_HIP_CHECK(hip_dl::api().MemcpyDtoDAsync(rs0.p, rs.p, B * sizeof(T), st));
+    ONDREL_HIP_CHECK(hip_dl::api().MemsetD8Async(iters.p, 0, B * sizeof(int32_t), st));
   }
 
   void step_scalars(const LaunchRecord& k, KernelArgs& a, hipStream_t s) const {
@@ -187,7 +187,7 @@ struct Solver {
 
   // With the stop rule: after the work on `s`, whether any signal still moves.
   bool moving(hipStream_t s) const {
-    ONDREL_HIP_CHECK(hip_dl::api().StreamSynchronize((hipStream_t)s));
+    ONDREL_HIP_CHECK(hip_dl::api().StreamSynchronize(s));
     int32_t word = 0;
     ONDREL_HIP_CHECK(hip_dl::api().MemcpyDtoH(&word, busy.p, sizeof word));
     return word != 0;
@@ -278,7 +278,7 @@ struct Solver {
     CaptureStream cap(home(), job.n_iter >= 2);
     CgReport report;
     report.path = iterations(cap);
-    ONDREL_HIP_CHECK(hip_dl::api().StreamSynchronize((hipStream_t)home()));
+    ONDREL_HIP_CHECK(hip_dl::api().StreamSynchronize(home()));
     if (job.stop.on) {
       const std::vector<T> last = fetch<T>(rs), first = fetch<T>(rs0);
       report.rs.assign(last.begin(), last.end());
@@ -293,7 +293,8 @@ struct Solver {
 
 void check_icqt_cg(const IcqtCg& s) {
   check_cqt(s.call);
-  if (!(s.stop.tol >= 0) || !std::isfinite(s.stop.tol)) throw std::invalid_argument("icqt: tol must be finite and at least 0");
+  if (!(s.stop.tol >= 0) || !std::isfinite(s.stop.tol))
+    throw std::invalid_argument("icqt: tol must be finite and at least 0");
   if (s.stop.chunk < 1) throw std::invalid_argument("icqt: chunk must be at least 1");
   check_cqt_grid(s.call.batch, "ondrel_vaxpby");
 }
