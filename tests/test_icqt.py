@@ -138,7 +138,7 @@ def test_the_builders_duals_put_every_octave_back_in_place():
 
 # ---------------------------------------------------------------- solver
 
-CG_PLAN = (2, [(0, 32, 64, 5), (1, 16, 32, 4)], 300)
+CG_PLAN = (3, [(0, 64, 128, 5), (1, 32, 64, 4), (2, 16, 32, 3)], 1500)
 
 
 def dense_operator(plan, length):
