@@ -246,6 +246,31 @@ def test_graph_replay_and_loop_agree(system, deterministic):
     assert np.allclose(designed, graph, rtol=1e-12, atol=1e-12 * np.abs(graph).max()), "tol 0 changes nothing"
 
 
+REFUSED_ON_CUDA = """
+import numpy as np
+from ondrel import _rocm
+from test_icqt import CG_PLAN, make_plan
+plan = make_plan(*CG_PLAN, key=41)
+r = np.random.default_rng(5)
+C = r.standard_normal((2, plan[4], plan[5])) + 1j * r.standard_normal((2, plan[4], plan[5]))
+y0 = r.standard_normal((2, CG_PLAN[2]))
+_rocm.set_deterministic(1)
+refused, a = _rocm._icqt_cg_solve(C, y0, *plan, 5, 0.0)
+graph, b = _rocm._icqt_cg_solve(C, y0, *plan, 5, 0.0)
+print(a["path"], b["path"], np.array_equal(refused, graph))
+"""
+
+
+@pytest.mark.gpu
+def test_a_refused_capture_on_the_cuda_runtime_falls_back(run_python):
+    if ondrel.runtime != "cuda":
+        pytest.skip("the capture switch is the CUDA runtime's")
+    proc = run_python(REFUSED_ON_CUDA, ONDREL_RUNTIME="cuda", ONDREL_CUDA_FAIL_CAPTURE="1",
+                      PYTHONPATH=str(Path(__file__).parent) + ":" + str(Path(ondrel.__file__).parents[1]))
+    assert proc.returncode == 0, proc.stderr
+    assert proc.stdout.split() == ["fallback", "graph", "True"]
+
+
 @pytest.mark.cpu_runtime
 def test_the_pool_stays_flat_over_repeated_solves(system):
     plan, _, C, y0 = system
