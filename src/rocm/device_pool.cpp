@@ -26,7 +26,7 @@ void* DevicePool::alloc(size_t bytes, hip_dl::hipStream_t stream) {
   const auto& hip = hip_dl::api();
   {
     std::lock_guard guard(lock);
-    if (void* p = take_best_fit(buckets[bucket_of(stream)], n)) return p;
+    if (void* p = take_best_fit(buckets[{current_device(), stream}], n)) return p;
   }
   void* p = nullptr;
   hip_dl::hipError_t r = hip.Malloc(&p, n);
@@ -51,26 +51,31 @@ void DevicePool::free(void* p, hip_dl::hipStream_t stream) noexcept {
     return;
   }
   try {
-    buckets[bucket_of(stream)].emplace(it->second, p);
+    buckets[{current_device(), stream}].emplace(it->second, p);
   } catch (const std::bad_alloc&) {
     live_sizes.erase(it);
     hip_dl::api().Free(p);
   }
 }
 
-DevicePool::BucketKey DevicePool::bucket_of(hip_dl::hipStream_t stream) const {
-  const auto loan = loans.find(stream);
-  return {current_device(), loan == loans.end() ? stream : loan->second};
-}
-
 void DevicePool::lend(hip_dl::hipStream_t guest, hip_dl::hipStream_t owner) {
   std::lock_guard guard(lock);
-  loans[guest] = owner;
+  const BucketKey from{current_device(), owner};
+  buckets[{from.first, guest}].merge(buckets[from]);
+  loans[guest] = from;
 }
 
 void DevicePool::end_loan(hip_dl::hipStream_t guest) noexcept {
   std::lock_guard guard(lock);
-  loans.erase(guest);
+  const auto loan = loans.find(guest);
+  if (loan == loans.end()) return;
+  const auto lent = buckets.find({loan->second.first, guest});
+  // merge moves the nodes themselves: nothing is allocated, nothing throws.
+  if (lent != buckets.end()) {
+    buckets[loan->second].merge(lent->second);
+    buckets.erase(lent);
+  }
+  loans.erase(loan);
 }
 
 void DevicePool::drain() noexcept {

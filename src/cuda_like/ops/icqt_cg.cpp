@@ -32,10 +32,13 @@ KernelPlan flat(std::string key, const char* entry, codegen::KernelParams params
   return k;
 }
 
-// The private stream of one solve. Its pool blocks come from, and go back
-// to, the caller's stream's free list, since every use of it lies between
-// two events on that stream; the loan ends before the handle is given back,
-// so that a later stream under the same handle inherits nothing.
+// The private stream of one solve. Its pool blocks are the caller's
+// stream's free blocks, lent for the solve: every use of the private stream
+// lies between two events on the caller's stream, and while they are lent
+// no other work there (another thread's) can take a block a replay still
+// uses. They go back after the final synchronisation, before the handle is
+// given back, so the pool does not grow per call and a later stream under
+// the same handle inherits nothing.
 class CaptureStream {
  public:
   // Only where a graph is wanted: one iteration creates no stream.
