@@ -5,11 +5,6 @@ the adjoint by central differences with the peak held; errors in order."""
 
 from __future__ import annotations
 
-import json
-import subprocess
-import sys
-from pathlib import Path
-
 import numpy as np
 import pytest
 
@@ -230,14 +225,3 @@ def test_kernel_texts_compile_for_sm90(n_chroma):
     for key, text in dict(texts).items():
         errors = nvrtc_check.compile_errors(text, key + ".cu")
         assert errors is None, f"{key}:\n{errors}"
-
-
-@pytest.mark.skipif(ondrel.runtime != "cpu", reason="the smoke mode runs on the CPU runtime")
-def test_bench_smoke(tmp_path):
-    bench = Path(__file__).resolve().parents[1] / "bench" / "gpu" / "icqt_bench.py"
-    done = subprocess.run([sys.executable, str(bench), "--smoke", "--out", str(tmp_path)], capture_output=True,
-                          text=True, timeout=300)
-    assert done.returncode == 0, done.stderr
-    cases = json.loads((tmp_path / "bench.json").read_text())["cases"]
-    assert len(cases) == 1 and cases[0]["case"].startswith("chroma_staged"), cases
-    assert cases[0]["ms"] > 0 and cases[0]["err"] < 1e-5, cases

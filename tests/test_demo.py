@@ -32,6 +32,9 @@ def test_demo_prints_versions_runtime_and_a_kernel(tmp_path):
         assert ("picture: " in out) == (tmp_path / "s.png").exists()
         assert "constant-Q transform (84 bins from 32.7 Hz, dB): 84 x " in out
         assert "chromagram: 12 pitch classes x " in out
+        trip = out.split("round trip of 1 s of five tones through the constant-Q transform: SNR ")[1]
+        estimate, solved = float(trip.split(" dB")[0]), float(trip.split(", ")[1].split(" dB")[0])
+        assert solved > estimate > 0, trip
 
 
 @pytest.mark.parametrize("prec", [0, 1, 2])

@@ -25,6 +25,6 @@ runtime, _updates = _runtime_choice.choose(os.environ, Path(__file__).parent)
 os.environ.update(_updates)
 del _updates
 
-from .cqt import CqtPlan, cqt_plan  # noqa: E402  (after the runtime choice, like everything else)
+from .cqt import CqtPlan, cqt_plan, icqt_cg  # noqa: E402  (after the runtime choice, like everything else)
 
-__all__ = ["__version__", "runtime", "CqtPlan", "cqt_plan"]
+__all__ = ["__version__", "runtime", "CqtPlan", "cqt_plan", "icqt_cg"]

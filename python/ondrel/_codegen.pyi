@@ -57,6 +57,10 @@ def cqt_kernel_texts(
 def chroma_kernel_texts(n_chroma: int, prec: int = 1, adjoint: bool = False) -> list[tuple[str, str]]:
     """(kernel key, text) of ondrel_chroma for n_chroma classes (1 to 128) and precision
     code prec, or with `adjoint` of ondrel_chradj."""
+def icqt_kernel_texts(prec: int = 1, solver: bool = False, stop: bool = False) -> list[tuple[str, str]]:
+    """(kernel key, text) of ondrel_icqtdual and ondrel_icqtola for precision code prec
+    (2 double, else float), or with `solver` of ondrel_vdot, ondrel_vaxpby, ondrel_cgalpha
+    and ondrel_cgbeta (with `stop`, the last two in the stop rule's forms)."""
 def mel_kernel_texts(
     n_fft: int,
     hop: int,

@@ -781,6 +781,88 @@ def conv_fft_staged(a: object, b: object, nf: int, start: int, outlen: int) -> n
     0 to n + m - 2). nf of n + m - 1 or more gives the linear convolution, a shorter one (at
     least n and m) the circular one; start + outlen must not pass nf. Runs in double when a is
     float64, else in single."""
+def icqt_cg_staged(
+    C: object,
+    y0: object,
+    n_levels: int,
+    octaves: list,
+    taps: object,
+    plan_key: str,
+    n_bins: int,
+    frames: int,
+    n_iter: int,
+) -> numpy.ndarray:
+    """Inverse CQT by conjugate gradients: n_iter iterations (none below 1) on A^H A y =
+    A^H C from y0, A the complex cqt_staged of the plan, each signal its own system. C
+    (batch, n_bins, frames) complex, y0 (batch, samples); returns y (batch, samples).
+    complex128 C runs in double with y0 converted to float64, anything else in single.
+    Fixed count, no report: ondrel.icqt_cg adds a stop rule and a report."""
+def icqt_cg_resident(
+    c_ptr: int,
+    y_ptr: int,
+    batch: int,
+    length: int,
+    n_levels: int,
+    octaves: list,
+    taps: object,
+    plan_key: str,
+    n_bins: int,
+    frames: int,
+    n_iter: int,
+    prec: int,
+    device: int = 0,
+    stream: int = 0,
+) -> None:
+    """icqt_cg_staged between device addresses on `stream`: c (batch, n_bins, frames)
+    complex pairs, y (batch, length) the estimate in and the solution out; returns after
+    synchronising `stream`. Buffers are float, or double for prec 2, whatever prec says:
+    never half; prec 0 is refused."""
+def icqt_direct_resident(
+    c_ptr: int,
+    y_ptr: int,
+    batch: int,
+    n_bins: int,
+    frames: int,
+    hop: int,
+    length: int,
+    octaves: list,
+    plan_key: str,
+    prec: int,
+    device: int = 0,
+    stream: int = 0,
+) -> None:
+    """icqt_direct_staged between device addresses on `stream`: c (batch, n_bins, frames)
+    complex pairs to y (batch, length), every element written. Buffers are float, or
+    double for prec 2, whatever prec says: never half; prec 0 is refused."""
+def icqt_direct_staged(
+    C: object,
+    length: int,
+    n_bins: int,
+    frames: int,
+    hop: int,
+    octaves: list,
+    plan_key: str,
+) -> numpy.ndarray:
+    """Direct inverse CQT of C (batch, n_bins, frames) to (batch, length). Per tuple
+    (level, n_fft, row_lo, rows, D): Xf = C[row_lo:row_lo + rows]^T D zero-padded to F // 2
+    + 1 bins (F = n_fft << level), frames irfft(Xf, F), each centred on f * hop, averaged
+    over the covering frames and scaled by 2^level; tuples add up; uncovered samples 0.
+    complex128 runs in double, anything else in single."""
+def _icqt_cg_solve(
+    C: object,
+    y0: object,
+    n_levels: int,
+    octaves: list,
+    taps: object,
+    plan_key: str,
+    n_bins: int,
+    frames: int,
+    n_iter: int,
+    tol: float,
+    chunk: int = 4,
+) -> tuple[numpy.ndarray, dict]:
+    """icqt_cg_staged with a per-signal stop at r.r <= tol^2 r0.r0, checked every `chunk`
+    iterations: (y, {'iterations', 'rs', 'rs0', 'path'})."""
 def conv_fft_resident(
     a_ptr: int,
     b_ptr: int,

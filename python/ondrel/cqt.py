@@ -7,6 +7,8 @@ at the full rate, each lower one a level (a halving of the rate) deeper; a
 basis rows are the conjugated spectra of Hann-windowed complex exponentials
 at the octave's bin frequencies, centred in the frame and normalised so that
 a unit sinusoid at a bin's frequency gives a magnitude of about 1 there.
+With each octave comes a dual basis for `_rocm.icqt_direct_staged`, and
+`icqt_cg` runs the least-squares inverse with a stop rule and a report.
 """
 
 from __future__ import annotations
@@ -42,6 +44,7 @@ class CqtPlan:
     freqs: np.ndarray = field(repr=False)
     n_chroma: int = 12
     classes: np.ndarray | None = field(default=None, repr=False)
+    direct: list = field(default_factory=list, repr=False)
 
     def frames(self, length: int) -> int:
         """Frames every octave has for a signal of `length` samples."""
@@ -58,6 +61,11 @@ class CqtPlan:
         octaves, taps, classes, plan_key, n_bins, n_chroma, frames)."""
         return (self.n_levels, self.octaves, self.taps, self.classes, self.plan_key, self.n_bins, self.n_chroma,
                 self.frames(length))
+
+    def direct_args(self, length: int) -> tuple:
+        """The arguments of `icqt_direct_staged` but C: (length, n_bins,
+        frames, hop, direct, plan_key)."""
+        return length, self.n_bins, self.frames(length), self.hop, self.direct, self.plan_key
 
 
 def _octave_basis(freqs: np.ndarray, sr: float, n_fft: int, lengths: np.ndarray, sparsity: float):
@@ -78,6 +86,27 @@ def _octave_basis(freqs: np.ndarray, sr: float, n_fft: int, lengths: np.ndarray,
     return np.ascontiguousarray(basis.real), np.ascontiguousarray(basis.imag)
 
 
+def dual_basis(re: np.ndarray, im: np.ndarray, n_fft: int, omegas: np.ndarray) -> np.ndarray:
+    """The dual basis of an octave whose basis B = re + 1j im (rows, n_fft //
+    2 + 1) has its bins at `omegas` radians a sample of its level: the
+    transposed pseudo-inverse, so that D^T B projects a frame's spectrum on
+    what the rows can see, each row then divided by the gain a steady tone
+    at its bin has through that projection averaged over a frame. The
+    direct estimate averages the frames that cover a sample, and a frame's
+    projection fades towards its ends with the kernels' windows: without the
+    division a tone would come back at about half its amplitude."""
+    basis = np.asarray(re) + 1j * np.asarray(im)
+    dual = np.linalg.pinv(basis, rcond=1e-6).T
+    n = np.arange(n_fft)
+    gain = np.zeros(basis.shape[0])
+    for phase in (0.0, np.pi / 2):
+        tone = np.cos(np.outer(omegas, n) + phase)
+        back = np.fft.irfft((np.fft.rfft(tone, axis=1) @ basis.T) @ dual, n_fft, axis=1)
+        gain += np.sum(back * tone, axis=1) / np.sum(tone * tone, axis=1) / 2
+    gain[np.abs(gain) < 1e-3] = 1.0
+    return np.ascontiguousarray(dual / gain[:, None])
+
+
 def pitch_classes(freqs: np.ndarray, n_chroma: int = 12) -> np.ndarray:
     """The pitch class of each frequency for `n_chroma` classes an octave:
     the nearest of n_chroma equal steps from C (C0 = 440 * 2^(-57/12) Hz,
@@ -94,7 +123,20 @@ def cqt_plan(sr: float, hop: int, fmin: float, n_bins: int, bins_per_octave: int
     must lie below sr / 2. Entries under `sparsity` times their row's peak
     are dropped, which gives each row its band. The plan also carries the
     pitch class of every bin for `n_chroma` classes an octave
-    (`pitch_classes`), the class map of `chroma_staged`."""
+    (`pitch_classes`), the class map of `chroma_staged`, and the direct
+    inverse's 5-tuples (level, n_fft, row_lo, rows, D) with D the dual
+    basis of each octave (`dual_basis`), the tones at its bins calibrated
+    to unit gain.
+
+    What the direct estimate is good for: a rough copy in one pass, no
+    iteration, of the signal's content inside the plan's band as each
+    octave's frames see it (each frame projected on the octave's kernels,
+    the overlapping frames averaged), in place and at about the right
+    amplitude; a listening check, or a start for `icqt_cg`. It is no exact
+    inverse (on steady tones inside the band it comes within 6 to 8 dB
+    SNR): energy outside fmin to the top bin, and whatever the kernels of a
+    frame cannot represent, is lost. For an accurate inverse, run `icqt_cg`,
+    which converges about as fast from zeros."""
     if n_bins < 1 or bins_per_octave < 1:
         raise ValueError("cqt_plan: n_bins and bins_per_octave must be positive")
     if not 1 <= n_chroma <= 128:
@@ -117,5 +159,54 @@ def cqt_plan(sr: float, hop: int, fmin: float, n_bins: int, bins_per_octave: int
         octaves.append((level, hop >> level, n_fft, lo, re, im))
     key = f"cqtplan_{sr!r}_{hop}_{fmin!r}_{n_bins}_{bins_per_octave}_{filter_scale!r}_{sparsity!r}"
     plan_key = "cqtplan_" + hashlib.sha1(key.encode()).hexdigest()[:16]
+    direct = []
+    for level, _, n_fft, lo, re, im in octaves:
+        omegas = 2 * np.pi * freqs[lo:lo + len(re)] * 2**level / sr
+        direct.append((level, n_fft, lo, len(re), dual_basis(re, im, n_fft, omegas)))
     return CqtPlan(n_oct, octaves, half_band_taps(), plan_key, n_bins, hop, freqs, n_chroma,
-                   pitch_classes(freqs, n_chroma))
+                   pitch_classes(freqs, n_chroma), direct)
+
+
+def icqt_cg(C, y0, plan: CqtPlan, n_iter: int, tol: float = 1e-6, return_info: bool = False):
+    """The least-squares inverse of the complex constant-Q spectrum C
+    (batch, n_bins, frames), or (n_bins, frames) with a 1-D y0: conjugate
+    gradients on the normal equations of `plan`'s transform from y0 (batch,
+    samples), at most `n_iter` iterations. Each signal stops moving once its
+    residual r.r of the normal equations has fallen to tol^2 times its first
+    (tol 0: never before n_iter), and the loop ends early once every signal
+    has stopped. complex128 C computes in double, anything else in single.
+    The residual the stop rule reads is the recurrence's: in single it keeps
+    falling after the true residual has levelled off, which `true_residual`
+    shows.
+
+    Returns y, or (y, info) with `return_info`: per signal `iterations` (the
+    steps it took), `residual` (sqrt(r.r / r0.r0) of the normal equations),
+    `true_residual` (||C(y) - C|| / ||C||, the transform recomputed) and
+    `converged` (residual <= tol), and `path` ('graph' when the loop ran as a
+    replayed graph)."""
+    from . import _rocm
+
+    y0 = np.asarray(y0)
+    C = np.asarray(C)
+    single = y0.ndim == 1
+    if single:
+        y0, C = y0[None], C[None]
+    if C.ndim != 3:
+        raise ValueError("icqt_cg: expected C (batch, n_bins, frames)")
+    n_levels, octaves, taps, key, n_bins, _ = plan.args(y0.shape[-1])
+    args = (n_levels, octaves, taps, key, n_bins, C.shape[-1])
+    y, raw = _rocm._icqt_cg_solve(C, y0, *args, n_iter, tol)
+    if single:
+        y = y[0]
+    if not return_info:
+        return y
+    rs, rs0 = raw["rs"], raw["rs0"]
+    residual = np.sqrt(np.divide(rs, rs0, out=np.zeros_like(rs), where=rs0 > 0))
+    ref = C.astype(np.complex128)
+    err = _rocm.cqt_staged(np.atleast_2d(y), *args, "complex").astype(np.complex128) - ref
+    norm = np.linalg.norm(ref.reshape(len(ref), -1), axis=1)
+    err_norm = np.linalg.norm(err.reshape(len(err), -1), axis=1)
+    true = np.divide(err_norm, norm, out=np.zeros_like(norm), where=norm > 0)
+    info = {"iterations": raw["iterations"], "residual": residual, "true_residual": true,
+            "converged": rs <= tol * tol * rs0, "path": raw["path"]}
+    return y, info

@@ -56,6 +56,9 @@ void register_cepstra(pybind11::module_& m);
 void register_cqt(pybind11::module_& m);
 // chroma_staged, chroma_resident, chroma_adjoint_resident.
 void register_chroma(pybind11::module_& m);
+// icqt_cg_staged, icqt_cg_resident, icqt_direct_resident, icqt_direct_staged,
+// and the solver's private entry _icqt_cg_solve.
+void register_icqt(pybind11::module_& m);
 // conv_fft_staged, conv_fft_resident, conv_cplx_staged, conv_cplx_resident,
 // conv_direct_staged, conv_direct_resident: the convolutions.
 void register_convolution(pybind11::module_& m);

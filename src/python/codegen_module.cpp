@@ -20,6 +20,8 @@
 #include "cuda_like/ops/cqt.hpp"
 #include "cuda_like/ops/cqt_adjoint.hpp"
 #include "cuda_like/ops/chroma.hpp"
+#include "cuda_like/ops/icqt_cg.hpp"
+#include "cuda_like/ops/icqt_direct.hpp"
 #include "cuda_like/ops/conv_adjoint.hpp"
 #include "cuda_like/ops/conv_direct.hpp"
 #include "cuda_like/ops/decibels.hpp"
@@ -320,6 +322,16 @@ PYBIND11_MODULE(_codegen, m) {
       "[(kernel key, text)] of the chroma fold for n_chroma classes (1 to 128): ondrel_chroma for precision "
       "code prec (0 and 3 half result), or with `adjoint` ondrel_chradj (2 double, anything else float). The "
       "constant-Q transform and its adjoint list theirs.");
+  m.def(
+      "icqt_kernel_texts",
+      [](int32_t prec, bool solver, bool stop) {
+        return texts(solver ? ondrel::icqt_cg_kernels(prec, stop) : ondrel::icqt_direct_kernels(prec));
+      },
+      py::arg("prec") = 1, py::arg("solver") = false, py::arg("stop") = false,
+      "[(kernel key, text)] of the inverse constant-Q transform for precision code prec (2 double, anything "
+      "else float): ondrel_icqtdual and ondrel_icqtola of the direct estimate, or with `solver` ondrel_vdot, "
+      "ondrel_vaxpby, ondrel_cgalpha and ondrel_cgbeta of the conjugate-gradient solve (with `stop`, the last "
+      "two in the forms of the stop rule). The FFT, the transform and its adjoint list theirs.");
   m.def(
       "db_kernel_texts", [](int32_t prec) { return texts(ondrel::db_kernels(prec)); }, py::arg("prec") = 1,
       "[(kernel key, text)] of ondrel_db, ondrel_db_inv and ondrel_db_adj for precision code prec (2 double, "

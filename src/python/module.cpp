@@ -23,6 +23,7 @@ PYBIND11_MODULE(_rocm, m) {
   ondrel::python::register_cepstra(m);
   ondrel::python::register_cqt(m);
   ondrel::python::register_chroma(m);
+  ondrel::python::register_icqt(m);
   ondrel::python::register_convolution(m);
   ondrel::python::register_conv_adjoint(m);
   ondrel::python::register_lfilter(m);

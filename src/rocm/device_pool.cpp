@@ -58,6 +58,26 @@ void DevicePool::free(void* p, hip_dl::hipStream_t stream) noexcept {
   }
 }
 
+void DevicePool::lend(hip_dl::hipStream_t guest, hip_dl::hipStream_t owner) {
+  std::lock_guard guard(lock);
+  const BucketKey from{current_device(), owner};
+  buckets[{from.first, guest}].merge(buckets[from]);
+  loans[guest] = from;
+}
+
+void DevicePool::end_loan(hip_dl::hipStream_t guest) noexcept {
+  std::lock_guard guard(lock);
+  const auto loan = loans.find(guest);
+  if (loan == loans.end()) return;
+  const auto lent = buckets.find({loan->second.first, guest});
+  // merge moves the nodes themselves: nothing is allocated, nothing throws.
+  if (lent != buckets.end()) {
+    buckets[loan->second].merge(lent->second);
+    buckets.erase(lent);
+  }
+  loans.erase(loan);
+}
+
 void DevicePool::drain() noexcept {
   std::lock_guard guard(lock);
   release_cached_locked();

@@ -24,6 +24,15 @@ class DevicePool {
   void free(void* p, hip_dl::hipStream_t stream) noexcept;
   // Releases every free block of every device and stream to the runtime.
   void drain() noexcept;
+  // For a private stream whose every use lies after the owner's earlier
+  // work and before its later work (bracketed by events, as a captured
+  // graph's stream is): the owner's free blocks (current device) move to the
+  // guest's list, and end_loan moves the guest's free blocks back, once its
+  // work is done. In between, the guest reuses them and no other work on
+  // the owner's stream can take a block the guest's work still uses; after
+  // it, nothing stays behind under the guest's handle.
+  void lend(hip_dl::hipStream_t guest, hip_dl::hipStream_t owner);
+  void end_loan(hip_dl::hipStream_t guest) noexcept;
 
  private:
   using BucketKey = std::pair<int, hip_dl::hipStream_t>;
@@ -32,6 +41,7 @@ class DevicePool {
   std::mutex lock;
   std::map<BucketKey, FreeBlocks> buckets;
   std::unordered_map<void*, size_t> live_sizes;
+  std::unordered_map<hip_dl::hipStream_t, BucketKey> loans;  // guest -> owner's bucket
 };
 
 DevicePool& device_pool();

@@ -1,9 +1,34 @@
 // Streams, events, capture and graphs: HIP's flags and modes have the
 // driver's values (stream flag 1 non-blocking; capture modes 0 global,
 // 1 thread-local, 2 relaxed), so they pass through.
+#include <algorithm>
+#include <atomic>
+#include <cstdlib>
+
 #include "hip/context.hpp"
 
 using namespace ondrel_cuda;
+
+namespace {
+
+// ONDREL_CUDA_FAIL_CAPTURE: how many captures are refused before they pass
+// through, so that a test on a GPU can reach a caller's fallback.
+std::atomic<long>& refused_captures() {
+  static std::atomic<long> left = [] {
+    const char* v = std::getenv("ONDREL_CUDA_FAIL_CAPTURE");
+    return v == nullptr ? 0L : std::max(0L, std::strtol(v, nullptr, 10));
+  }();
+  return left;
+}
+
+bool refuse_capture() {
+  long left = refused_captures().load();
+  while (left > 0 && !refused_captures().compare_exchange_weak(left, left - 1)) {
+  }
+  return left > 0;
+}
+
+}  // namespace
 
 extern "C" {
 
@@ -26,6 +51,7 @@ hipError_t hipStreamWaitEvent(hipStream_t stream, hipEvent_t event, unsigned fla
 
 hipError_t hipStreamBeginCapture(hipStream_t stream, int mode) {
   if (mode < 0 || mode > 2) return hipErrorInvalidValue;
+  if (refuse_capture()) return hipErrorStreamCaptureUnsupported;
   return with_context([&](const DriverApi& d) { return d.StreamBeginCapture(stream, mode); });
 }
 

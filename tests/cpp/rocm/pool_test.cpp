@@ -37,6 +37,29 @@ TEST(DevicePool, BestFitUnderTwiceTheRequest) {
   EXPECT_EQ(pool.alloc(600, s1), big);
 }
 
+TEST(DevicePool, ALoanMovesTheOwnersFreeBlocksToTheGuestAndBack) {
+  auto& pool = device_pool();
+  void* const guest = reinterpret_cast<void*>(0x3);
+  void* a = pool.alloc(4096, s1);
+  pool.free(a, s1);
+  pool.lend(guest, s1);
+  void* b = pool.alloc(4096, s1);
+  EXPECT_NE(b, a);  // lent: the owner's work cannot take it
+  EXPECT_EQ(pool.alloc(4096, guest), a);
+  void* c = pool.alloc(4096, guest);
+  pool.free(a, guest);
+  pool.free(c, guest);
+  pool.end_loan(guest);
+  // Both went back to the owner's list; none stays under the guest's handle.
+  void* d = pool.alloc(4096, s1);
+  void* e = pool.alloc(4096, s1);
+  EXPECT_TRUE((d == a && e == c) || (d == c && e == a));
+  EXPECT_EQ(fake::malloc_calls(), 3);
+  void* f = pool.alloc(4096, guest);
+  EXPECT_TRUE(f != a && f != b && f != c);
+  EXPECT_EQ(fake::malloc_calls(), 4);
+}
+
 TEST(DevicePool, BucketsPerStreamAndDevice) {
   auto& pool = device_pool();
   void* a = pool.alloc(4096, s1);
