@@ -26,6 +26,8 @@ try:
 except ImportError as exc:  # pragma: no cover - exercised by the test without torch
     raise ImportError("ondrel.torch needs PyTorch: install the 'torch' extra, pip install 'ondrel[torch]'") from exc
 
+import functools
+
 import numpy as np
 
 from . import _rocm, tensors
@@ -42,6 +44,21 @@ _COMPLEX = {torch.float16: torch.complex32, torch.float32: torch.complex64, torc
 _REAL = {v: k for k, v in _COMPLEX.items()}
 _NUMPY = {torch.float16: np.float16, torch.float32: np.float32, torch.float64: np.float64,
           torch.complex64: np.complex64, torch.complex128: np.complex128}
+
+
+def _first_order(backward):
+    """`once_differentiable`, and a clear refusal of a backward pass that builds a graph for a
+    second derivative: the adjoints are computed outside autograd, so such a graph would carry
+    silent zeros."""
+    inner = once_differentiable(backward)
+
+    @functools.wraps(backward)
+    def run(ctx, *grads):
+        if torch.is_grad_enabled() and any(isinstance(g, torch.Tensor) and g.requires_grad for g in grads):
+            raise RuntimeError(f"ondrel.torch: {ctx.__class__.__name__.lstrip('_').removesuffix('Backward').lower()} "
+                               "has no second derivative; its backward is marked once_differentiable")
+        return inner(ctx, *grads)
+    return run
 
 
 # --- running a resident call on tensors -----------------------------------------------------------
@@ -125,7 +142,7 @@ class _Stft(torch.autograd.Function):
         return y.transpose(1, 2)
 
     @staticmethod
-    @once_differentiable
+    @_first_order
     def backward(ctx, g):
         if not ctx.needs_input_grad[0]:
             return (None,) * 7
@@ -170,7 +187,7 @@ class _Istft(torch.autograd.Function):
         return y
 
     @staticmethod
-    @once_differentiable
+    @_first_order
     def backward(ctx, gy):
         if not ctx.needs_input_grad[0]:
             return (None,) * 6
@@ -205,7 +222,7 @@ class _Mel(torch.autograd.Function):
         return m.transpose(1, 2)
 
     @staticmethod
-    @once_differentiable
+    @_first_order
     def backward(ctx, g):
         if not ctx.needs_input_grad[0]:
             return (None,) * 9
@@ -243,7 +260,7 @@ class _Cepstra(torch.autograd.Function):
         return c.transpose(1, 2)
 
     @staticmethod
-    @once_differentiable
+    @_first_order
     def backward(ctx, gc):
         if not ctx.needs_input_grad[0]:
             return (None,) * 10
@@ -285,7 +302,7 @@ class _Spectral(torch.autograd.Function):
         return y.reshape(*M.shape[:-2], M.shape[-1])
 
     @staticmethod
-    @once_differentiable
+    @_first_order
     def backward(ctx, gy):
         if not ctx.needs_input_grad[0]:
             return (None,) * 5
@@ -330,7 +347,7 @@ class _Contrast(torch.autograd.Function):
         return y.reshape(*M.shape[:-2], M.shape[-1], n_bands).transpose(-1, -2)
 
     @staticmethod
-    @once_differentiable
+    @_first_order
     def backward(ctx, gy):
         if not ctx.needs_input_grad[0]:
             return (None,) * 5
@@ -369,7 +386,7 @@ class _Cqt(torch.autograd.Function):
         return c
 
     @staticmethod
-    @once_differentiable
+    @_first_order
     def backward(ctx, g):
         if not ctx.needs_input_grad[0]:
             return (None,) * 4
@@ -407,7 +424,7 @@ class _Conv(torch.autograd.Function):
         return y
 
     @staticmethod
-    @once_differentiable
+    @_first_order
     def backward(ctx, gy):
         a, b = ctx.saved_tensors
         start, outlen, cplx = ctx.args
@@ -469,7 +486,7 @@ class _Lfilter(torch.autograd.Function):
         return y
 
     @staticmethod
-    @once_differentiable
+    @_first_order
     def backward(ctx, gy):
         if not ctx.needs_input_grad[0]:
             return None, None, None, None
