@@ -4,6 +4,7 @@ and the refusals. On a GPU runtime, CUDA tensors against torch's own autograd.""
 
 from __future__ import annotations
 
+import re
 import subprocess
 import sys
 
@@ -14,8 +15,9 @@ torch = pytest.importorskip(
     "torch", reason="ondrel.torch needs PyTorch: run tools/setup test (it installs torch's CPU build) or "
                     "pip install 'ondrel[torch]', then run these tests again")
 
+import nvrtc_check  # noqa: E402
 import ondrel  # noqa: E402
-from ondrel import _rocm  # noqa: E402
+from ondrel import _codegen, _rocm  # noqa: E402
 from ondrel import torch as ot  # noqa: E402
 from ondrel.demo import mel_bank  # noqa: E402
 from torch.autograd import gradcheck, gradgradcheck  # noqa: E402
@@ -227,6 +229,58 @@ def test_import_without_torch_names_the_extra():
     code = "import sys; sys.modules['torch'] = None\ntry:\n import ondrel.torch\nexcept ImportError as e:\n print(e)"
     done = subprocess.run([sys.executable, "-c", code], capture_output=True, text=True, timeout=60)
     assert "'torch' extra" in done.stdout, done.stdout + done.stderr
+
+
+# --- kernel texts ----------------------------------------------------------------------------------------------
+
+def kernel_texts():
+    """What the cases above compile: the spectral shapes, plan and FFT lengths of this file and of the
+    README's examples, in both precisions and in half for the forwards."""
+    readme_fb = mel_bank(32, 256, 8000.0)
+    readme_plan = ondrel.cqt_plan(8000.0, 64, 110.0, 36, 12)
+    for prec in (1, 2):
+        for n, hop, fb, length in ((N_FFT, HOP, FB, 300), (256, 64, readme_fb, 4000)):
+            for out in ("complex", "magnitude", "power", "db"):
+                yield from _codegen.stft_kernel_texts(n, hop, True, out, 1e-10, "hann", prec, length)
+                yield from _codegen.stft_adjoint_kernel_texts(n, hop, True, out, 1e-10, "hann", prec, length)
+            for out, power in (("power", 2.0), ("db", 2.0), ("magnitude", 2.0), ("power", 1.0)):
+                yield from _codegen.mel_kernel_texts(n, hop, True, len(fb), power, out, 1e-10, "hann", prec, length)
+                yield from _codegen.mel_adjoint_kernel_texts(fb, n, hop, True, power, out, 1e-10, "hann", prec,
+                                                             length)
+        yield from _codegen.stft_kernel_texts(N_FFT, HOP, False, "power", 1e-10, "boxcar", prec, 300)
+        yield from _codegen.stft_adjoint_kernel_texts(N_FFT, HOP, False, "power", 1e-10, "boxcar", prec, 300)
+        yield from _codegen.istft_kernel_texts(N_FFT, HOP, True, "hann", prec, 12)
+        for length in (176, 150):
+            yield from _codegen.istft_adjoint_kernel_texts(N_FFT, HOP, True, "hann", prec, length, 12)
+        for lifter, top_db in ((0.0, -1.0), (6.0, 20.0), (0.0, 80.0)):
+            yield from _codegen.cepstra_kernel_texts(N_FFT, HOP, True, len(FB), 4, lifter, top_db, 1e-10, "hann",
+                                                     prec, 2, 300)
+            yield from _codegen.cepstra_adjoint_kernel_texts(len(FB), 4, top_db, prec)
+        for plan, length in ((PLAN, 2000), (readme_plan, 8000)):
+            for out in ("complex", "magnitude", "power", "db"):
+                for adjoint in (False, True):
+                    yield from _codegen.cqt_kernel_texts(length, *plan.args(length)[:3], plan.n_bins,
+                                                         plan.frames(length), out, 1e-10, prec, adjoint)
+        for nf in (32, 64):
+            for cplx in (False, True):
+                yield from _codegen.conv_kernel_texts("cplx" if cplx else "fft", nf, prec)
+                for sum_rows in (False, True):
+                    yield from _codegen.conv_adjoint_kernel_texts(nf, cplx, sum_rows, prec)
+        yield from _codegen.lfilter_kernel_texts(2, 3, prec)
+    yield from _codegen.stft_kernel_texts(N_FFT, HOP, True, "magnitude", 1e-10, "hann", 0, 300)
+    yield from _codegen.mel_kernel_texts(N_FFT, HOP, True, len(FB), 2.0, "power", 1e-10, "hann", 0, 300)
+    yield from _codegen.conv_kernel_texts("fft", 512, 0)
+
+
+@pytest.mark.skipif(not nvrtc_check.available(), reason="NVRTC or the CUDA headers are missing")
+def test_kernel_texts_compile_for_sm90():
+    seen = {}
+    for key, text in kernel_texts():
+        seen.setdefault(key, text)
+    assert len(seen) > 50
+    for key, text in seen.items():
+        errors = nvrtc_check.compile_errors(text, re.sub(r"\W", "_", key) + ".cu")
+        assert errors is None, f"{key}: {errors}"
 
 
 # --- CUDA tensors ----------------------------------------------------------------------------------------------
