@@ -315,3 +315,32 @@ def test_size_rule_is_exact(case):
     got = out.get()
     assert np.isfinite(got[:count]).all(), "the size rule asks for more than the call writes"
     assert np.isnan(got[count]), "the call writes more than the size rule asks for"
+
+
+@pytest.mark.gpu
+@pytest.mark.parametrize("framework", ["torch", "cupy"])
+def test_framework_tensors_on_a_side_stream(framework):
+    """Bit-identical to the int-pointer call, on the framework's current (non-default) stream, with a
+    consumer queued right behind."""
+    fw = pytest.importorskip(framework)
+    x_host = signal(4, 22050)
+    if framework == "torch":
+        x = fw.tensor(x_host, device="cuda")
+        ours, theirs = (fw.empty(4, 44, 1025, dtype=fw.complex64, device="cuda") for _ in range(2))
+        side = fw.cuda.Stream()
+        ctx, handle, ptr = fw.cuda.stream(side), lambda: side.cuda_stream, lambda t: t.data_ptr()
+    else:
+        x = fw.asarray(x_host)
+        ours, theirs = (fw.empty((4, 44, 1025), dtype=fw.complex64) for _ in range(2))
+        side = fw.cuda.Stream(non_blocking=True)
+        ctx, handle, ptr = side, lambda: side.ptr, lambda t: t.data.ptr
+    with ctx:
+        tensors.stft_resident(x, ours, 4, 22050, 2048, 512, True, "complex", 1e-10, "hann")
+        doubled = ours * 2
+        _rocm.stft_resident(ptr(x), ptr(theirs), 4, 22050, 2048, 512, True, "complex", 1e-10, "hann", 1, 0,
+                            handle())
+        side.synchronize()
+    a, b = (np.asarray(t.cpu()) if framework == "torch" else fw.asnumpy(t) for t in (ours, theirs))
+    assert a.tobytes() == b.tobytes()
+    d = np.asarray(doubled.cpu()) if framework == "torch" else fw.asnumpy(doubled)
+    assert np.array_equal(d, 2 * a)

@@ -477,12 +477,11 @@ def _resolve(fname: str, half_form: bool, bufs: tuple[Buf, ...], a: dict, dev_ke
             if any(s < 0 for s in steps):
                 raise ValueError(f"{fname}: {arg}: negative strides are not supported")
             need = 0 if 0 in dims else 1 + sum((d - 1) * s for d, s in zip(dims, steps))
-            have = _extent(t)
-            if have < 0:
+            if _extent(t) < 0:
                 raise ValueError(f"{fname}: {arg} has negative strides")
             if scale == 2 and not _contiguous(t):
                 raise ValueError(f"{fname}: {arg} as (re, im) pairs must be C-contiguous")
-            have = have // scale if scale == 2 else have
+            have = _extent(t) // scale
             what = f"the strides ({', '.join(b.strides[3:])}) reach {need} elements"
         else:
             if not _contiguous(t):
