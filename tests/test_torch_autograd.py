@@ -215,7 +215,11 @@ def test_refusals():
 def test_no_adjoint_for_an_input_without_gradient(wanted, monkeypatch):
     calls = []
     run = ot._run
-    monkeypatch.setattr(ot, "_run", lambda name, ins, outs, **kw: calls.append((name, kw)) or run(name, ins, outs, **kw))
+
+    def recording(name, ins, outs, **kw):
+        calls.append((name, kw))
+        return run(name, ins, outs, **kw)
+    monkeypatch.setattr(ot, "_run", recording)
     a, b = signal(3, 20), signal(1, 7, 1)
     (a if wanted == "b" else b).requires_grad_(False)
     ot.conv(a, b).square().sum().backward()

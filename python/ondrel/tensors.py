@@ -261,6 +261,7 @@ POSITIONAL_NAMES = {
 # --- tensors --------------------------------------------------------------------------------------
 
 _PREC_OF = {"f2": 0, "c4": 0, "f4": 1, "c8": 1, "f8": 2, "c16": 2}
+_WIDTH = {code: int(code[1:]) for code in _PREC_OF}
 _DL_HOST = {1: "CPU", 3: "CUDA host", 11: "ROCm host", 12: "CPU (NUMA)"}
 _DL_CUDA, _DL_ROCM = 2, 10
 
@@ -286,20 +287,16 @@ _capsule_pointer.argtypes = [ctypes.py_object, ctypes.c_char_p]
 _DL_KIND = {0: "i", 1: "u", 2: "f", 4: "bf", 5: "c", 6: "b"}
 
 
-@dataclass
 class _Tensor:
     """What a call needs of a tensor: address, element type code ("f4", "c8", ...), shape and
-    element strides (None when C-contiguous by declaration), device, and the stream a
-    `__cuda_array_interface__` names."""
+    element strides (None when C-contiguous by declaration), device, its framework's name, and
+    the `__cuda_array_interface__` it came through, if any."""
 
-    ptr: int = 0
-    code: str = ""
-    shape: tuple = ()
-    strides: tuple | None = None
-    device: int | None = None
-    framework: str = ""
-    cai: dict | None = None
-    readonly: bool = False
+    __slots__ = ("ptr", "code", "shape", "strides", "device", "framework", "cai", "readonly")
+
+    def __init__(self, framework: str):
+        self.ptr, self.code, self.shape, self.strides = 0, "", (), None
+        self.device, self.framework, self.cai, self.readonly = None, framework, None, False
 
 
 def _is_tensor(obj) -> bool:
@@ -315,7 +312,7 @@ def _cai(obj):
 
 def _locate(name: str, obj) -> _Tensor:
     """Device and framework of a tensor, before any stream is chosen. Host memory is refused."""
-    t = _Tensor(framework=type(obj).__module__.split(".")[0])
+    t = _Tensor(type(obj).__module__.partition(".")[0])
     if hasattr(obj, "__dlpack__") and hasattr(obj, "__dlpack_device__"):
         kind, dev = obj.__dlpack_device__()
         if int(kind) in _DL_HOST:
@@ -462,12 +459,11 @@ def _resolve(fname: str, half_form: bool, bufs: tuple[Buf, ...], a: dict, dev_ke
     if tensor_prec == 0 and not half_form:
         raise TypeError(f"{fname}: this operation has no half form; upcast the tensors to float32")
 
-    size_args = dict(a)
     ranges = []
     for arg, b in tensors.items():
         t = found[arg]
-        complex_buf = b.kind(size_args) if callable(b.kind) else b.kind == "c"
-        is_complex = t.code.startswith("c")
+        complex_buf = b.kind(a) if callable(b.kind) else b.kind == "c"
+        is_complex = t.code[0] == "c"
         if is_complex and not complex_buf:
             raise TypeError(f"{fname}: {arg} is complex ({t.code}) where the operation reads or writes reals")
         scale = 2 if complex_buf and not is_complex else 1  # a real tensor holding (re, im) pairs
@@ -482,22 +478,20 @@ def _resolve(fname: str, half_form: bool, bufs: tuple[Buf, ...], a: dict, dev_ke
             if scale == 2 and not _contiguous(t):
                 raise ValueError(f"{fname}: {arg} as (re, im) pairs must be C-contiguous")
             have = _extent(t) // scale
-            what = f"the strides ({', '.join(b.strides[3:])}) reach {need} elements"
         else:
             if not _contiguous(t):
                 raise ValueError(f"{fname}: {arg} must be C-contiguous (strides {t.strides} for shape {t.shape}); "
                                  "this operation has no stride arguments for it")
-            need = b.count(size_args)
+            need = b.count(a)
             have = _numel(t) // scale
-            what = f"the call {'writes' if b.role == 'out' else 'reads'} {need} elements"
         if have < need:
+            what = (f"the strides ({', '.join(b.strides[3:])}) reach {need} elements" if b.strides is not None
+                    else f"the call {'writes' if b.role == 'out' else 'reads'} {need} elements")
             raise ValueError(f"{fname}: {arg} holds {have} {'complex ' if complex_buf else ''}elements, "
                              f"but {what}")
         if b.role != "in" and t.readonly:
             raise ValueError(f"{fname}: {arg} is read-only and the call writes it")
-        width = int(t.code[1:]) if t.code[1:].isdigit() else 0
-        ranges.append((arg, b.role, t.ptr, t.ptr + need * width * scale))
-        a[arg] = t.ptr
+        ranges.append((arg, b.role, t.ptr, t.ptr + need * _WIDTH[t.code] * scale))
 
     for out, role, lo, hi in ranges:
         if role == "in":
@@ -506,6 +500,8 @@ def _resolve(fname: str, half_form: bool, bufs: tuple[Buf, ...], a: dict, dev_ke
             if arg != out and r2 != "out" and lo < hi2 and lo2 < hi:
                 raise ValueError(f"{fname}: output {out} overlaps input {arg}, which the call still reads")
 
+    for arg, _, lo, _ in ranges:
+        a[arg] = lo
     a["prec"], a[dev_key], a["stream"] = prec, device, stream
 
 
@@ -526,35 +522,36 @@ def _make(name: str):
     fn = getattr(_rocm, name)
     half_form, bufs = SIZES[name]
     params = _parameters(name, fn)
-    dev_key = "dev" if any(p == "dev" for p, _ in params) else "device"
-    optional = {"prec", dev_key, "stream"}
-    # prec, device and stream become optional: everything after prec takes a default
-    after_prec = False
-    sig_params = []
+    names = [arg for arg, _ in params]
+    dev_key = "dev" if "dev" in names else "device"
+    optional_ptrs = [b.arg for b in bufs if b.optional]
+    # prec, device and stream become optional (None), and so everything after prec takes a default
+    defaults, heads, after_prec = [], [], False
     for arg, default in params:
         after_prec = after_prec or arg == "prec"
-        if arg in optional:
+        if arg in ("prec", dev_key, "stream") or (after_prec and default is inspect.Parameter.empty):
             default = None
-        elif after_prec and default is inspect.Parameter.empty:
-            default = None
-        sig_params.append(inspect.Parameter(arg, inspect.Parameter.POSITIONAL_OR_KEYWORD, default=default))
-    signature = inspect.Signature(sig_params)
-    names = [arg for arg, _ in params]
-    optional_ptrs = {b.arg for b in bufs if b.optional}
+        if default is inspect.Parameter.empty:
+            heads.append(arg)
+        else:
+            heads.append(f"{arg}=_defaults[{len(defaults)}]")
+            defaults.append(default)
 
-    def call(*args, **kwargs):
-        bound = signature.bind(*args, **kwargs)
-        bound.apply_defaults()
-        a = bound.arguments
+    def invoke(a: dict):
         for arg in optional_ptrs:
             if a[arg] is None:
                 a[arg] = 0
         _resolve(name, half_form, bufs, a, dev_key)
         # looked up per call, so that a replaced module function (a recorder in a test) is the one called
-        return getattr(_rocm, name)(*(a[arg] for arg in names))
+        return getattr(_rocm, name)(*a.values())
 
-    call.__name__ = call.__qualname__ = name
-    call.__signature__ = signature
+    # Written out as a plain function, so that binding the arguments costs what any Python call costs.
+    text = (f"def {name}({', '.join(heads)}):\n"
+            f"    return _invoke({{{', '.join(f'{arg!r}: {arg}' for arg in names)}}})\n")
+    scope = {"_defaults": defaults, "_invoke": invoke}
+    exec(text, scope)
+    call = scope[name]
+    call.__module__ = __name__
     call.__doc__ = (f"{name} of ondrel._rocm with tensors accepted for its pointers; prec, {dev_key} and "
                     f"stream taken from the tensors when left out (see ondrel.tensors).\n\n{fn.__doc__}")
     return call
