@@ -24,7 +24,6 @@ from torch.autograd import gradcheck, gradgradcheck  # noqa: E402
 
 SEED = 31
 N_FFT, HOP = 64, 16
-on_cpu = pytest.mark.skipif(ondrel.runtime != "cpu", reason="CPU tensors staged through the CPU runtime")
 
 
 @pytest.fixture(autouse=True)
@@ -93,14 +92,12 @@ CASES = {
 }
 
 
-@on_cpu
 @pytest.mark.parametrize("case", CASES)
 def test_gradcheck(case):
     fn, inputs, options = CASES[case]
     assert gradcheck(fn, inputs(), **options)
 
 
-@on_cpu
 @pytest.mark.parametrize("case", ["stft magnitude", "conv complex", "lfilter"])
 def test_second_derivative_is_refused(case):
     fn, inputs, _ = CASES[case]
@@ -118,7 +115,6 @@ def ref_stft(x: np.ndarray, n: int, hop: int) -> np.ndarray:
     return np.fft.rfft(frames * window, axis=-1).transpose(0, 2, 1)
 
 
-@on_cpu
 def test_forwards_match_the_definitions():
     x = signal()
     xs = x.detach().numpy()
@@ -137,7 +133,6 @@ def test_forwards_match_the_definitions():
     np.testing.assert_allclose(back, xs[:, :288], atol=1e-10)
 
 
-@on_cpu
 def test_contrast_matches_its_definition():
     m = magnitudes(seed=4).detach()
     got = ot.contrast(m, BT, BQ, linear=True).numpy()
@@ -148,7 +143,6 @@ def test_contrast_matches_its_definition():
         np.testing.assert_allclose(got[:, b], want, rtol=1e-10)
 
 
-@on_cpu
 def test_cqt_and_cepstra_keep_the_staged_layout():
     x = signal(1, 2000)
     staged = _rocm.cqt_staged(x.detach().numpy(), *PLAN.args(2000), "complex")
@@ -157,7 +151,6 @@ def test_cqt_and_cepstra_keep_the_staged_layout():
     np.testing.assert_allclose(ot.cepstra(x, FB, N_FFT, HOP, 4).detach().numpy(), staged, rtol=1e-12, atol=1e-12)
 
 
-@on_cpu
 @pytest.mark.parametrize("start, outlen", [(0, None), (3, 20), (17, 4)])
 @pytest.mark.parametrize("cplx", [False, True])
 def test_conv_matches_numpy(start, outlen, cplx):
@@ -169,7 +162,6 @@ def test_conv_matches_numpy(start, outlen, cplx):
     np.testing.assert_allclose(ot.conv(torch.tensor(a), torch.tensor(b), start, outlen).numpy(), want, atol=1e-12)
 
 
-@on_cpu
 def test_lfilter_matches_scipy():
     scipy_signal = pytest.importorskip("scipy.signal")
     x = rng(9).standard_normal((2, 200))
@@ -179,7 +171,6 @@ def test_lfilter_matches_scipy():
 
 # --- half data, refusals, and adjoints only where needed ---------------------------------------------------------
 
-@on_cpu
 @pytest.mark.parametrize("case", ["stft", "mel", "centroid", "conv"])
 def test_half_runs_forward_only(case):
     x32 = torch.tensor(rng(10).standard_normal((2, 300)), dtype=torch.float32)
@@ -210,7 +201,6 @@ def test_refusals():
         ot.conv(x, signal(3, 5))
 
 
-@on_cpu
 @pytest.mark.parametrize("wanted", ["a", "b"])
 def test_no_adjoint_for_an_input_without_gradient(wanted, monkeypatch):
     calls = []

@@ -81,7 +81,9 @@ def _run(name: str, ins: dict, outs: dict, **scalars) -> list[torch.Tensor]:
     first = next(iter(ins.values()))
     if first.is_cuda:
         made = {arg: torch.empty(shape, dtype=dtype, device=first.device) for arg, (shape, dtype) in outs.items()}
-        getattr(tensors, name)(**{arg: t.contiguous() for arg, t in ins.items()}, **made, **scalars)
+        # detached: torch exports no tensor that requires a gradient through DLPack
+        getattr(tensors, name)(**{arg: t.detach().resolve_conj().contiguous() for arg, t in ins.items()}, **made,
+                               **scalars)
         return list(made.values())
     blocks = {arg: DeviceArray(_to_host(t)) for arg, t in ins.items()}
     made = {}
