@@ -20,18 +20,18 @@ edges and constant-Q plans are host parameters, not differentiated.
 
 from __future__ import annotations
 
-try:
-    import torch
-    from torch.autograd.function import once_differentiable
-except ImportError as exc:  # pragma: no cover - exercised by the test without torch
-    raise ImportError("ondrel.torch needs PyTorch: install the 'torch' extra, pip install 'ondrel[torch]'") from exc
-
 import functools
 
 import numpy as np
 
-from . import _rocm, tensors
-from .device_memory import DeviceArray
+try:
+    import torch
+    from torch.autograd.function import once_differentiable
+except ImportError as exc:
+    raise ImportError("ondrel.torch needs PyTorch: install the 'torch' extra, pip install 'ondrel[torch]'") from exc
+
+from . import _rocm, tensors  # noqa: E402  (after the check for torch, whose message names the extra)
+from .device_memory import DeviceArray  # noqa: E402
 
 __all__ = ["stft", "istft", "mel", "cepstra", "centroid", "bandwidth", "flatness", "contrast", "cqt", "conv",
            "lfilter"]
