@@ -240,10 +240,9 @@ CASES = refusal_cases()
 def test_refusals_come_before_the_call(case, recorder):
     (name, scalars), pointers, error, text = CASES[case]
     calls = recorder(name)
-    with pytest.raises(error, match=None) as info:
+    with pytest.raises(error) as info:
         getattr(tensors, name)(**pointers, **scalars)
-    assert text in str(info.value)
-    assert name in str(info.value) or text == "_staged"
+    assert text in str(info.value) and str(info.value).startswith(name)
     assert calls == []
 
 

@@ -310,25 +310,25 @@ def _cai(obj):
         return None
 
 
-def _locate(name: str, obj) -> _Tensor:
+def _locate(fname: str, name: str, obj) -> _Tensor:
     """Device and framework of a tensor, before any stream is chosen. Host memory is refused."""
     t = _Tensor(type(obj).__module__.partition(".")[0])
     if hasattr(obj, "__dlpack__") and hasattr(obj, "__dlpack_device__"):
         kind, dev = obj.__dlpack_device__()
         if int(kind) in _DL_HOST:
-            raise ValueError(f"{name}: a tensor in {_DL_HOST[int(kind)]} memory; resident calls take device memory "
-                             "only: use the *_staged form or the ondrel.torch wrappers, which copy")
+            raise ValueError(f"{fname}: {name} is a tensor in {_DL_HOST[int(kind)]} memory; resident calls take device "
+                             "memory only: use the *_staged form or the ondrel.torch wrappers, which copy")
         t.device = int(dev)
         return t
     t.cai = _cai(obj)
     if t.cai is None:
-        raise TypeError(f"{name}: {type(obj).__name__} exposes __dlpack__ without __dlpack_device__")
+        raise TypeError(f"{fname}: {name} ({type(obj).__name__}) exposes __dlpack__ without __dlpack_device__")
     dev = getattr(obj, "device", None)
     t.device = getattr(dev, "index", getattr(dev, "id", None))
     return t
 
 
-def _read_dlpack(name: str, obj, t: _Tensor, stream: int) -> None:
+def _read_dlpack(obj, t: _Tensor, stream: int) -> None:
     kind = int(obj.__dlpack_device__()[0])
     if kind == _DL_CUDA:
         handoff = 1 if stream == 0 else stream  # the array API numbers the legacy default stream 1
@@ -409,7 +409,7 @@ def _resolve(fname: str, half_form: bool, bufs: tuple[Buf, ...], a: dict, dev_ke
         a[dev_key] = 0 if a[dev_key] is None else a[dev_key]
         a["stream"] = 0 if a["stream"] is None else a["stream"]
         return
-    found = {arg: _locate(arg, a[arg]) for arg in tensors}
+    found = {arg: _locate(fname, arg, a[arg]) for arg in tensors}
 
     devices = {t.device for t in found.values() if t.device is not None}
     if len(devices) > 1:
@@ -437,7 +437,7 @@ def _resolve(fname: str, half_form: bool, bufs: tuple[Buf, ...], a: dict, dev_ke
         if t.cai is not None:
             _read_cai(t)
         else:
-            _read_dlpack(arg, a[arg], t, stream)
+            _read_dlpack(a[arg], t, stream)
 
     precs = {arg: _PREC_OF.get(t.code) for arg, t in found.items()}
     for arg, p in precs.items():
