@@ -347,7 +347,7 @@ def _read_dlpack(obj, t: _Tensor, stream: int) -> None:
 def _read_cai(t: _Tensor) -> None:
     cai = t.cai
     t.ptr, t.readonly = int(cai["data"][0] or 0), bool(cai["data"][1])
-    t.shape = tuple(int(s) for s in cai["shape"])
+    t.shape = tuple(map(int, cai["shape"]))
     typestr = cai["typestr"]
     t.code = typestr[1:] if typestr[0] in "<|=" else "?" + typestr
     size = int(typestr[2:]) if typestr[2:].isdigit() else 1
@@ -411,7 +411,8 @@ def _resolve(fname: str, half_form: bool, bufs: tuple[Buf, ...], a: dict, dev_ke
         return
     found = {arg: _locate(fname, arg, a[arg]) for arg in tensors}
 
-    devices = {t.device for t in found.values() if t.device is not None}
+    devices = {t.device for t in found.values()}
+    devices.discard(None)
     if len(devices) > 1:
         listed = ", ".join(f"{arg} on {t.device}" for arg, t in found.items())
         raise ValueError(f"{fname}: tensors on more than one device ({listed})")
@@ -420,18 +421,23 @@ def _resolve(fname: str, half_form: bool, bufs: tuple[Buf, ...], a: dict, dev_ke
         raise ValueError(f"{fname}: {arg} lives on device {found[arg].device}, not on {dev_key} {int(a[dev_key])}")
     device = int(a[dev_key]) if a[dev_key] is not None else (devices.pop() if devices else 0)
 
-    cai_streams = {arg: _cai_stream(t.cai) for arg, t in found.items() if t.cai is not None}
-    if a["stream"] is None:
-        stream = next((s for s in (_current_stream(t.framework, device) for t in found.values()) if s is not None),
-                      None)
+    # the stream: explicit, else the framework's current one, else what an array interface names
+    stream = None if a["stream"] is None else int(a["stream"])
+    if stream is None:
+        for t in found.values():
+            stream = _current_stream(t.framework, device)
+            if stream is not None:
+                break
+    for arg, t in found.items():
+        named = None if t.cai is None else _cai_stream(t.cai)
+        if named is None:
+            continue
         if stream is None:
-            stream = next((s for s in cai_streams.values() if s is not None), 0)
-    else:
-        stream = int(a["stream"])
-    for arg, s in cai_streams.items():
-        if s is not None and s != stream:
-            raise ValueError(f"{fname}: {arg} is ordered on stream {s:#x}, the call runs on {stream:#x}; pass that "
-                             "stream, or synchronise the two first (this layer never waits)")
+            stream = named
+        elif named != stream:
+            raise ValueError(f"{fname}: {arg} is ordered on stream {named:#x}, the call runs on {stream:#x}; pass "
+                             "that stream, or synchronise the two first (this layer never waits)")
+    stream = 0 if stream is None else stream
 
     for arg, t in found.items():
         if t.cai is not None:
