@@ -17,7 +17,7 @@ import pytest
 
 import nvrtc_check
 from conftest import same_runtime_env
-from device_memory import DeviceArray
+from ondrel.device_memory import DeviceArray
 from spectral_ref import inverse_reference, mel_reference, reference, triangles
 from ondrel import _codegen, _rocm
 

@@ -18,7 +18,8 @@ import pytest
 import scipy.fft
 
 import nvrtc_check
-from device_memory import DeviceArray, guarded_call
+from device_memory import guarded_call
+from ondrel.device_memory import DeviceArray
 from spectral_ref import mel_reference, triangles
 import ondrel
 from ondrel import _codegen, _rocm

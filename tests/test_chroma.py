@@ -10,7 +10,8 @@ import pytest
 
 import nvrtc_check
 import ondrel
-from device_memory import DeviceArray, guarded_call
+from device_memory import guarded_call
+from ondrel.device_memory import DeviceArray
 from ondrel import _codegen, _rocm
 from spectral_ref import cqt_reference
 from test_cqt import SEED, TOLERANCE, hint_all_staged, make_plan, rng

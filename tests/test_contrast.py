@@ -14,7 +14,7 @@ import pytest
 
 import nvrtc_check
 from conftest import same_runtime_env
-from device_memory import DeviceArray
+from ondrel.device_memory import DeviceArray
 from spectral_ref import reference
 from ondrel import _codegen, _rocm
 

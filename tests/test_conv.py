@@ -7,7 +7,8 @@ import os
 import numpy as np
 import pytest
 
-from device_memory import DeviceArray, guarded_call
+from device_memory import guarded_call
+from ondrel.device_memory import DeviceArray
 from filter_cases import CONV_FORMS, M, N, NF, NF_BLUESTEIN, NF_CIRCULAR, ROWS, windows
 from ondrel import _rocm
 

@@ -9,7 +9,7 @@ import os
 import numpy as np
 import pytest
 
-from device_memory import DeviceArray
+from ondrel.device_memory import DeviceArray
 from filter_cases import ADJOINT_FORMS, ADJOINT_NF, NF, ROWS
 from ondrel import _rocm
 

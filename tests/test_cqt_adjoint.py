@@ -8,7 +8,7 @@ from __future__ import annotations
 import numpy as np
 import pytest
 
-from device_memory import DeviceArray
+from ondrel.device_memory import DeviceArray
 from test_cqt import PLANS, SEED, make_plan, rng
 from ondrel import _rocm
 

@@ -11,7 +11,7 @@ import numpy as np
 import pytest
 
 import nvrtc_check
-from device_memory import DeviceArray
+from ondrel.device_memory import DeviceArray
 from ondrel import _codegen, _rocm
 
 SEED = int(os.environ.get("ONDREL_TEST_SEED", np.random.SeedSequence().entropy % 2**32))

@@ -8,7 +8,7 @@ import os
 import numpy as np
 import pytest
 
-from device_memory import DeviceArray
+from ondrel.device_memory import DeviceArray
 from ondrel import _rocm
 
 SEED = int(os.environ.get("ONDREL_TEST_SEED", np.random.SeedSequence().entropy % 2**32))

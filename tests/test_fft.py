@@ -10,7 +10,8 @@ import pytest
 
 import fft_cases
 from conftest import same_runtime_env
-from device_memory import DeviceArray, fft_rows
+from device_memory import fft_rows
+from ondrel.device_memory import DeviceArray
 from ondrel import _codegen, _rocm
 
 SEED = int(os.environ.get("ONDREL_TEST_SEED", np.random.SeedSequence().entropy % 2**32))

@@ -14,7 +14,7 @@ from pathlib import Path
 import numpy as np
 import pytest
 
-from device_memory import DeviceArray
+from ondrel.device_memory import DeviceArray
 from spectral_ref import inverse_reference, reference
 import ondrel
 from ondrel import _rocm

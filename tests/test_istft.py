@@ -13,7 +13,7 @@ import numpy as np
 import pytest
 
 import nvrtc_check
-from device_memory import DeviceArray
+from ondrel.device_memory import DeviceArray
 import ondrel
 from ondrel import _codegen, _rocm
 from spectral_ref import envelope, inverse_reference

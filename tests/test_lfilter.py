@@ -8,7 +8,8 @@ import numpy as np
 import pytest
 import scipy.signal
 
-from device_memory import DeviceArray, guarded_call
+from device_memory import guarded_call
+from ondrel.device_memory import DeviceArray
 from filter_cases import ORDERS, THREADS, pack, stable_filter
 from ondrel import _rocm
 

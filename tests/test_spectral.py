@@ -17,7 +17,7 @@ import pytest
 
 import nvrtc_check
 from conftest import same_runtime_env
-from device_memory import DeviceArray
+from ondrel.device_memory import DeviceArray
 from spectral_ref import reference
 import ondrel
 from ondrel import _codegen, _rocm
@@ -189,7 +189,7 @@ def test_declines_where_only_the_spectrogram_fits(run_python):
     code = f"""
 import json, numpy as np, sys
 sys.path.insert(0, {str(Path(__file__).parent)!r})
-from device_memory import DeviceArray
+from ondrel.device_memory import DeviceArray
 from ondrel import _rocm
 y = np.random.default_rng(3).standard_normal((2, 5000)).astype(np.float32)
 dx, out = DeviceArray(y), DeviceArray(np.full((2, 10), np.nan, np.float32))

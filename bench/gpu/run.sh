@@ -20,6 +20,9 @@
 #          torchaudio's; `all` runs it too
 #   adjoint  bench/gpu/adjoint_bench.py: the STFT, inverse STFT and mel
 #          gradients beside torch autograd; `all` runs it too
+#   autograd  bench/gpu/autograd_bench.py: a training step through
+#          ondrel.torch (magnitude STFT, mel) beside torch's autograd, and
+#          the host overhead of the tensor layer; `all` runs it too
 #   cqt    bench/gpu/cqt_bench.py: the constant-Q transform and its adjoint
 #          beside nnAudio (carried as a wheel: not in the image); `all`
 #          runs it too
@@ -45,8 +48,8 @@ mkdir -p "$out"
 what=${1:-all}
 shift || true
 case $what in
-  tests | fft | stft | istft | mel | cepstra | griffinlim | adjoint | cqt | icqt | spectral_features | filters | all) ;;
-  *) echo "usage: $0 [tests | fft | stft | istft | mel | cepstra | griffinlim | adjoint | cqt | icqt | spectral_features | filters | all] [benchmark arguments]" >&2; exit 2 ;;
+  tests | fft | stft | istft | mel | cepstra | griffinlim | adjoint | autograd | cqt | icqt | spectral_features | filters | all) ;;
+  *) echo "usage: $0 [tests | fft | stft | istft | mel | cepstra | griffinlim | adjoint | autograd | cqt | icqt | spectral_features | filters | all] [benchmark arguments]" >&2; exit 2 ;;
 esac
 export PYTHONUNBUFFERED=1
 
@@ -79,7 +82,7 @@ fi
 if [ "$what" = fft ] || [ "$what" = all ]; then
   (cd /tmp && python3 "$root/bench/gpu/fft_bench.py" --out "$out" "$@") 2>&1 | tee "$out/bench.log" || status=1
 fi
-for spectral in stft istft mel cepstra griffinlim adjoint cqt icqt; do
+for spectral in stft istft mel cepstra griffinlim adjoint autograd cqt icqt; do
   if [ "$what" = $spectral ] || [ "$what" = all ]; then
     mkdir -p "$out/$spectral"
     (cd /tmp && python3 "$root/bench/gpu/${spectral}_bench.py" --out "$out/$spectral") 2>&1 |

@@ -5,7 +5,9 @@ spectral features, constant-Q transforms, convolutions, recursive filters and
 Griffin-Lim, computed by kernels that are written and compiled at run time.
 The computation lives in the extension module `ondrel._rocm`; importing this
 package first chooses the HIP runtime that module will find (see
-ONDREL_RUNTIME in the README).
+ONDREL_RUNTIME in the README). `ondrel.tensors` takes framework tensors in the
+resident calls, and `ondrel.torch` (the `torch` extra) trains through the
+adjoints with torch's autograd.
 """
 
 from __future__ import annotations
