@@ -18,7 +18,7 @@ import pytest
 
 import nvrtc_check
 import ondrel
-from device_memory import DeviceArray, _hip
+from ondrel.device_memory import DeviceArray, _hip
 from ondrel import _codegen, _rocm
 from spectral_ref import cqt_reference
 from test_cqt import SEED, TOLERANCE, make_plan, rng

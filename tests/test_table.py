@@ -21,7 +21,7 @@ import pytest
 
 import nvrtc_check
 import ondrel
-from device_memory import DeviceArray
+from ondrel.device_memory import DeviceArray
 from filter_cases import pack
 from ondrel import _codegen, _rocm
 
