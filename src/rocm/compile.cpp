@@ -13,6 +13,7 @@
 #include "rocm/cache_file.hpp"
 #include "rocm/context.hpp"
 #include "rocm/once_map.hpp"
+#include "rocm/probes.hpp"
 
 namespace fs = std::filesystem;
 
@@ -26,6 +27,11 @@ using hip_dl::hipFunction_t;
 OnceMap<std::string, hipFunction_t>& lookup_cache() {
   static auto& cache = *new OnceMap<std::string, hipFunction_t>;
   return cache;
+}
+
+std::atomic<uint64_t>& texts_written() {
+  static std::atomic<uint64_t> count{0};
+  return count;
 }
 
 // Kernels by device, name and text: two keys of one text share a module.
@@ -171,7 +177,12 @@ hipFunction_t kernel_function(const std::string& key, int device, const std::fun
   // Formed in a buffer each thread keeps: a hit allocates nothing.
   thread_local std::string lookup_key;
   lookup_key.assign(key).append("#").append(name).append("#d").append(std::to_string(device));
-  return lookup_cache().get(lookup_key, [&] { return compile_function(device, generator(), name); });
+  return lookup_cache().get(lookup_key, [&] {
+    texts_written().fetch_add(1);
+    return compile_function(device, generator(), name);
+  });
 }
+
+uint64_t kernels_generated() { return texts_written().load(); }
 
 }  // namespace ondrel
