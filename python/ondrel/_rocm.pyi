@@ -62,6 +62,79 @@ def set_shape_hint(
 def shape_epoch() -> int: ...
 def shape_hint_clear() -> None: ...
 def route_explain(op: str, n_fft: int, prec: int, device: int = 0) -> dict[str, object]: ...
+def stft_autotune_gpu(
+    x_ptr: int,
+    batch: int,
+    length: int,
+    n_fft: int,
+    hop: int,
+    center: bool,
+    output: str,
+    eps: float,
+    window: object,
+    prec: int,
+    device: int = 0,
+    iters: int = 50,
+    warmup: int = 10,
+) -> dict[str, int | float]: ...
+def istft_autotune_gpu(
+    z_ptr: int,
+    batch: int,
+    bins: int,
+    frames: int,
+    stride_batch: int,
+    stride_bin: int,
+    stride_frame: int,
+    n_fft: int,
+    hop: int,
+    center: bool,
+    window: object,
+    prec: int,
+    device: int = 0,
+    iters: int = 50,
+    warmup: int = 10,
+) -> dict[str, int | float]: ...
+def mel_autotune_gpu(
+    x_ptr: int,
+    batch: int,
+    length: int,
+    fb: object,
+    n_fft: int,
+    hop: int,
+    center: bool,
+    power: float,
+    output: str,
+    eps: float,
+    window: object,
+    prec: int,
+    device: int = 0,
+    iters: int = 50,
+    warmup: int = 10,
+) -> dict[str, int | float]: ...
+def fft_autotune_gpu(
+    x_ptr: int, batch: int, n: int, prec: int, device: int = 0, iters: int = 50, warmup: int = 10
+) -> dict[str, dict[str, int | float]]: ...
+def rfft_autotune_gpu(
+    x_ptr: int, batch: int, n: int, prec: int, device: int = 0, iters: int = 50, warmup: int = 10
+) -> dict[str, dict[str, int | float]]: ...
+def cqt_autotune_gpu(
+    x_ptr: int,
+    batch: int,
+    length: int,
+    n_levels: int,
+    octaves: list,
+    taps: object,
+    plan_key: str,
+    n_bins: int,
+    frames: int,
+    output: str,
+    eps: float,
+    prec: int,
+    device: int = 0,
+    iters: int = 20,
+    warmup: int = 5,
+) -> dict[str, object]: ...
+def _set_tune_progress(hook: object) -> None: ...
 def stft_adjoint_resident(
     g_ptr: int,
     gx_ptr: int,
@@ -798,3 +871,21 @@ def lfilter_resident(
     threads: int = 256,
     seq: int = 16,
 ) -> None: ...
+
+class _test_hooks:
+    @staticmethod
+    def launch_table_touches() -> int: ...
+    @staticmethod
+    def kernels_generated() -> int: ...
+    @staticmethod
+    def keep_kernel_texts(on: bool) -> None: ...
+    @staticmethod
+    def take_kernel_texts() -> list[tuple[str, str]]: ...
+    @staticmethod
+    def device_blocks_live() -> int: ...
+    @staticmethod
+    def watch_launch_keys(on: bool) -> None: ...
+    @staticmethod
+    def last_launch_key() -> str: ...
+    @staticmethod
+    def corrupt_candidate(index: int) -> None: ...

@@ -229,6 +229,8 @@ void register_probes(py::module_& m) {
   py::module_ t = m.def_submodule("_test_hooks", "Counters and switches for the module's own tests.");
   t.def("launch_table_touches", &launch_table_touches, "Finds and stores in any launch table so far.");
   t.def("kernels_generated", &kernels_generated, "Kernel texts written on lookup misses so far.");
+  t.def("keep_kernel_texts", &keep_kernel_texts, py::arg("on"), "Whether texts written are also kept.");
+  t.def("take_kernel_texts", &take_kernel_texts, "The (key, text) pairs kept so far; empties the list.");
   t.def("device_blocks_live", &device_blocks_live, "Device blocks handed out by the pool and not given back.");
   t.def("watch_launch_keys", &watch_launch_keys, py::arg("on"), "Whether launches remember their kernel key.");
   t.def("last_launch_key", &last_launch_key, "The kernel key of the last launch while watching.");

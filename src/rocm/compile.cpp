@@ -7,7 +7,9 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <mutex>
 #include <stdexcept>
+#include <utility>
 #include <vector>
 
 #include "rocm/cache_file.hpp"
@@ -32,6 +34,26 @@ OnceMap<std::string, hipFunction_t>& lookup_cache() {
 std::atomic<uint64_t>& texts_written() {
   static std::atomic<uint64_t> count{0};
   return count;
+}
+
+// Texts kept while a test watches, so that it can put them through another
+// compiler.
+struct KeptTexts {
+  std::mutex lock;
+  bool on = false;
+  std::vector<std::pair<std::string, std::string>> texts;
+};
+
+KeptTexts& kept_texts() {
+  static auto& kept = *new KeptTexts;
+  return kept;
+}
+
+std::string kept(const std::string& key, std::string text) {
+  KeptTexts& k = kept_texts();
+  std::lock_guard guard(k.lock);
+  if (k.on) k.texts.emplace_back(key, text);
+  return text;
 }
 
 // Kernels by device, name and text: two keys of one text share a module.
@@ -179,10 +201,22 @@ hipFunction_t kernel_function(const std::string& key, int device, const std::fun
   lookup_key.assign(key).append("#").append(name).append("#d").append(std::to_string(device));
   return lookup_cache().get(lookup_key, [&] {
     texts_written().fetch_add(1);
-    return compile_function(device, generator(), name);
+    return compile_function(device, kept(key, generator()), name);
   });
 }
 
 uint64_t kernels_generated() { return texts_written().load(); }
+
+void keep_kernel_texts(bool on) {
+  KeptTexts& k = kept_texts();
+  std::lock_guard guard(k.lock);
+  k.on = on;
+}
+
+std::vector<std::pair<std::string, std::string>> take_kernel_texts() {
+  KeptTexts& k = kept_texts();
+  std::lock_guard guard(k.lock);
+  return std::exchange(k.texts, {});
+}
 
 }  // namespace ondrel

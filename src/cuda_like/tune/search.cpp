@@ -142,10 +142,7 @@ std::string disagreement(const std::vector<double>& got, const std::vector<doubl
   return text;
 }
 
-// After a candidate threw: a device that can no longer clear a few bytes and
-// synchronise has a sticky error, which ends the search instead of passing
-// for one more failed candidate.
-void check_device_alive(const FlushBuffer& fl) {
+void device_alive(const FlushBuffer& fl) {
   ONDREL_HIP_CHECK(hip_dl::api().MemsetD8Async(fl.buf, 0, 16, nullptr));
   ONDREL_HIP_CHECK(hip_dl::api().StreamSynchronize(nullptr));
 }
@@ -179,6 +176,8 @@ void check_counts(const char* tuner, int32_t iters, int32_t warmup) {
 
 void corrupt_candidate(int32_t index) { corrupted.store(index); }
 
+void check_device_alive(int device) { device_alive(flush_buffer(device)); }
+
 BestCandidate search(const Search& s, int device, const ProgressFn& progress) {
   BestCandidate best;
   const FlushBuffer& fl = flush_buffer(device);
@@ -188,7 +187,7 @@ BestCandidate search(const Search& s, int device, const ProgressFn& progress) {
   try {
     want = verified_run(s, TuneEntry{}, reference.p);
   } catch (const std::exception&) {
-    check_device_alive(fl);
+    device_alive(fl);
     return best;  // nothing can be verified without the default's numbers
   }
   if (!disagreement(want, want, 0).empty()) return best;  // the default itself left NaN
@@ -206,7 +205,7 @@ BestCandidate search(const Search& s, int device, const ProgressFn& progress) {
         best.offer(report.ms, c);
       }
     } catch (const std::exception& e) {
-      check_device_alive(fl);
+      device_alive(fl);
       report.reason = std::string("failed: ") + e.what();
     }
     if (progress) progress(report);

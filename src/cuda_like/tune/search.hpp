@@ -44,6 +44,11 @@ struct Search {
 // The winner, or zeros and 1e30 when nothing could be verified or timed.
 BestCandidate search(const Search& s, int device, const ProgressFn& progress);
 
+// After a step that threw: raises the device's own error when it can no
+// longer clear a few bytes and synchronise (a sticky fault), which must end
+// a tuner instead of passing for one more failed candidate.
+void check_device_alive(int device);
+
 // Relative L2 tolerance of a tuner's precision code: 2 double, 0 half
 // storage, 3 half arithmetic, anything else single.
 double tune_tolerance(int32_t prec);
