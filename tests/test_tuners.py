@@ -5,12 +5,14 @@ nothing, and a search that leaves no trace."""
 from __future__ import annotations
 
 import ctypes
+import json
 import os
 import signal
 
 import numpy as np
 import pytest
 
+import nvrtc_check
 import tune_cases as tc
 from device_memory import DeviceArray
 from ondrel import _rocm
@@ -248,3 +250,35 @@ def test_the_zero_record_is_the_default_route(rng, heard):
     got = tc.istft_case(rng)(**FAST)
     assert heard[0][3] == (0, 0, 0, 0, 0) and isinstance(heard[0][4], float)
     assert got["ms"] <= heard[0][4]
+
+
+TEXTS = r"""
+import json, sys
+sys.path.insert(0, TESTS)
+import numpy as np
+import test_tuners as tt
+from ondrel import _rocm
+_rocm._test_hooks.keep_kernel_texts(True)
+rng = np.random.default_rng(3)
+for make in tt.CASES.values():
+    make(rng)(iters=1, warmup=0)
+texts = dict(_rocm._test_hooks.take_kernel_texts())
+json.dump(texts, open(OUT, "w"))
+"""
+
+
+@pytest.mark.skipif(not nvrtc_check.available(), reason="NVRTC or the CUDA headers are missing")
+def test_every_candidate_text_compiles_for_sm_90(tmp_path, run_python):
+    # A fresh process writes every text its candidates need: none is a
+    # lookup hit from an earlier test.
+    from pathlib import Path
+
+    out = tmp_path / "texts.json"
+    code = TEXTS.replace("TESTS", repr(str(Path(__file__).parent))).replace("OUT", repr(str(out)))
+    proc = run_python(code)
+    assert proc.returncode == 0, proc.stderr
+    texts = json.loads(out.read_text())
+    assert len(texts) > 20
+    for key, text in texts.items():
+        errors = nvrtc_check.compile_errors(text, key + ".cu")
+        assert errors is None, f"{key}:\n{errors}"
