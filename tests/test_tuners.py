@@ -47,6 +47,7 @@ CASES = {
     "mel": lambda r: tc.mel_case(r),
     "istft": lambda r: tc.istft_case(r),
     "fft": lambda r: tc.fft_case(r),
+    "fft_half": lambda r: tc.fft_case(r, n=32, prec=0),
     "fft_double_1000": lambda r: tc.fft_case(r, n=1000, prec=2, batch=1),
     "rfft": lambda r: tc.rfft_case(r, n=24),
     "cqt": lambda r: tc.cqt_case(r),
@@ -83,6 +84,8 @@ def test_designed_dict_and_order_and_no_trace(name, rng, heard):
         first = [c[3] for c in heard if c[0] == tuners[0]]
         assert first[0] == (0, 0, 0, 0, 0) and first == [c[3] for c in heard if c[0] == tuners[1]]
         assert [c[0] for c in heard] == [tuners[0]] * len(first) + [tuners[1]] * len(first)
+        if case.designed:
+            assert first == case.designed
     elif case.op == "cqt":
         assert list(got) == ["core", "ms", "octaves"]
         assert type(got["core"]) is int and got["core"] in (0, 1) and type(got["ms"]) is float

@@ -23,6 +23,14 @@ def pow2_list(n_fft: int) -> list[tuple]:
 TPF_LIST = [(0, 0, t, 0, 0) for t in (0, 64, 128, 256, 512)]
 
 
+def fft_pow2_list(n: int, half: bool) -> list[tuple]:
+    """The designed candidates of a power-of-two FFT (which needs no Rader scratch)."""
+    words = [(0, 0, 0, 0, 0)] + [(0, f, t, 1, 0) for t in (0, 64, 128, 256) for f in (0, 2) if t or f]
+    words += [(0, 1, 0, 1, 0), (0, 4, 0, 1, 0)]
+    words += [(e, f, 0, 2, 0) for e in (4, 8, 16, 32) if e <= n for f in (0, 2)]
+    return words + [(0, 0, 0, 1, 4)] + [(0, 0, 0, 2, 2)] * half + [(0, 0, 0, 2, 8)]
+
+
 class Case:
     """One tuner call over inputs it keeps alive; `inputs` are the device
     arrays the tuner may only read."""
@@ -74,10 +82,14 @@ def istft_case(rng, n_fft=64, hop=16, prec=1, batch=2, frames=19) -> Case:
 
 
 def fft_case(rng, n=16, prec=1, batch=2) -> Case:
-    dtype = np.complex128 if prec == 2 else np.complex64
-    x = DeviceArray((rng.standard_normal((batch, n)) + 1j * rng.standard_normal((batch, n))).astype(dtype))
+    if prec in (0, 3):  # half data: interleaved pairs
+        x = DeviceArray(rng.standard_normal((batch, n, 2)).astype(np.float16))
+    else:
+        dtype = np.complex128 if prec == 2 else np.complex64
+        x = DeviceArray((rng.standard_normal((batch, n)) + 1j * rng.standard_normal((batch, n))).astype(dtype))
     call = lambda **kw: _rocm.fft_autotune_gpu(x.ptr, batch, n, prec, **kw)
-    return Case(f"fft-{n}-p{prec}", "fft", {"n": n, "prec": prec}, call, [x], None)
+    designed = fft_pow2_list(n, prec in (0, 3)) if n & (n - 1) == 0 else None
+    return Case(f"fft-{n}-p{prec}", "fft", {"n": n, "prec": prec}, call, [x], designed)
 
 
 def rfft_case(rng, n=16, prec=1, batch=2) -> Case:
