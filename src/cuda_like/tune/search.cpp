@@ -1,12 +1,15 @@
 #include "cuda_like/tune/search.hpp"
 
+#include <algorithm>
 #include <atomic>
 #include <cmath>
+#include <cstdio>
 #include <cstring>
 #include <map>
 #include <mutex>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "rocm/context.hpp"
 #include "rocm/device_pool.hpp"
@@ -47,22 +50,32 @@ const FlushBuffer& flush_buffer(int device) {
 
 void check(hip_dl::hipError_t r, int line, const char* text) { hip_check(r, __FILE__, line, text); }
 
-// Owner of a batch of events: destroyed on every way out.
+// Owner of a batch of events: destroyed on every way out, a creation that
+// fails half way included.
 struct Events {
   std::vector<hip_dl::hipEvent_t> v;
   explicit Events(int32_t n) {
     v.reserve(static_cast<size_t>(n));
-    for (int32_t i = 0; i < n; ++i) {
-      hip_dl::hipEvent_t ev = nullptr;
-      check(hip_dl::api().EventCreate(&ev), __LINE__, "eventCreate(&ev)");
-      v.push_back(ev);
+    try {
+      for (int32_t i = 0; i < n; ++i) {
+        hip_dl::hipEvent_t ev = nullptr;
+        check(hip_dl::api().EventCreate(&ev), __LINE__, "eventCreate(&ev)");
+        v.push_back(ev);
+      }
+    } catch (...) {
+      release();
+      throw;
     }
   }
-  ~Events() {
-    for (hip_dl::hipEvent_t ev : v) hip_dl::api().EventDestroy(ev);
-  }
+  ~Events() { release(); }
   Events(const Events&) = delete;
   Events& operator=(const Events&) = delete;
+
+ private:
+  void release() noexcept {
+    for (hip_dl::hipEvent_t ev : v) hip_dl::api().EventDestroy(ev);
+    v.clear();
+  }
 };
 
 // The smallest of `reps` samples, each after a clear of the flush buffer, all
