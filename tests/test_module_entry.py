@@ -83,6 +83,12 @@ EXPECTED_FUNCTIONS = [
     "shape_epoch",
     "shape_hint_clear",
     "route_explain",
+    "stft_autotune_gpu",
+    "istft_autotune_gpu",
+    "mel_autotune_gpu",
+    "fft_autotune_gpu",
+    "rfft_autotune_gpu",
+    "cqt_autotune_gpu",
 ]
 
 

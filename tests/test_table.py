@@ -115,11 +115,6 @@ lfilter_staged(x: object, cf: object, p: int, m1: int, xh: object = None, zy: ob
 lfilter_resident(x_ptr: int, y_ptr: int, cf_ptr: int, rows: int, n: int, p: int, m1: int, prec: int, device: int = 0, stream: int = 0, xh_ptr: int = 0, zy_ptr: int = 0, threads: int = 256, seq: int = 16) -> None
 """
 
-# Families being built on other branches; their rows wait for the merges.
-MISSING = {
-    "stft_autotune_gpu", "istft_autotune_gpu", "mel_autotune_gpu", "fft_autotune_gpu", "rfft_autotune_gpu",
-    "cqt_autotune_gpu",
-}
 # Private entry points the package, its tests and benchmarks use: the CQT's
 # route report, the solver's report entry and the tuners' progress hook.
 PRIVATE = {"_cqt_last_routes", "_icqt_cg_solve", "_set_tune_progress"}
@@ -132,6 +127,8 @@ KINDS = {
     "'int32 array'": "int32 array",
     "dict[str, object]": "dict",
     "dict[str, int]": "dict",
+    "dict[str, int | float]": "dict",
+    "dict[str, dict[str, int | float]]": "dict",
 }
 
 
@@ -156,7 +153,7 @@ def parse_line(line: str) -> tuple[str, tuple]:
 
 
 ROWS = dict(parse_line(line) for line in TABLE.strip().splitlines())
-PRESENT = [name for name in ROWS if name not in MISSING]
+PRESENT = list(ROWS)
 POSITIONAL = [name for name in PRESENT if ROWS[name][1]]
 
 
@@ -174,10 +171,9 @@ def same_row(got: tuple, want: tuple, unnamed: bool) -> None:
     assert got_result == want_result or (want_result, got_result) == ("object", "numpy.ndarray")
 
 
-def test_public_names_are_the_table_less_the_open_families():
+def test_public_names_are_the_table():
     names = {n for n, v in vars(_rocm).items() if callable(v) and not n.startswith("_")}
-    assert names == set(ROWS) - MISSING
-    assert len(ROWS) == 84 and MISSING <= set(ROWS)
+    assert names == set(ROWS) and len(ROWS) == 84
 
 
 def test_private_names_are_the_known_helpers():
@@ -571,6 +567,34 @@ def _(name):
         y = devs[1].get()
         assert np.isnan(y[-1]).all() and np.isfinite(y[:-1]).all(), REPLAY
         assert not np.array_equal(y[:-1], signal(B, CL)), f"the solve left y0 in place, {REPLAY}"
+
+
+TUNED = ["ept", "fpb", "tpf", "core", "var", "ms"]
+
+
+@case("stft_autotune_gpu", "istft_autotune_gpu", "mel_autotune_gpu", "fft_autotune_gpu", "rfft_autotune_gpu",
+      "cqt_autotune_gpu")
+def _(name):
+    fast = (0, 2, 1)  # device, iters, warmup
+    if name == "stft_autotune_gpu":
+        got = call(name, DeviceArray(signal()).ptr, B, L, NFFT, HOP, True, "magnitude", 1e-10, "hann", 1, *fast)
+    elif name == "istft_autotune_gpu":
+        z = DeviceArray(data((B, F, NB), np.complex64))
+        got = call(name, z.ptr, B, NB, F, *STRIDES, NFFT, HOP, True, "hann", 1, *fast)
+    elif name == "mel_autotune_gpu":
+        got = call(name, DeviceArray(signal()).ptr, B, L, FB, NFFT, HOP, True, 2.0, "power", 1e-10, "hann", 1, *fast)
+    elif name == "cqt_autotune_gpu":
+        got = call(name, DeviceArray(signal(B, CL)).ptr, B, CL, *CQT_ARGS, "magnitude", 1e-10, 1, *fast)
+        assert list(got) == ["core", "ms", "octaves"] and type(got["core"]) is int and type(got["ms"]) is float
+        assert all(type(o) is tuple and len(o) == 2 for o in got["octaves"])
+        return
+    else:
+        x = data((B, 24), np.complex64 if name == "fft_autotune_gpu" else np.float32)
+        got = call(name, DeviceArray(x).ptr, B, 24, 1, *fast)
+        assert list(got) == ["forward", "inverse"]
+        assert list(got["forward"]) == TUNED and list(got["inverse"]) == TUNED
+        return
+    assert list(got) == TUNED and all(type(got[k]) is int for k in TUNED[:5]) and type(got["ms"]) is float
 
 
 @case("conv_fft_staged", "conv_cplx_staged", "conv_direct_staged")

@@ -35,6 +35,9 @@
 #   filters  bench/gpu/filter_bench.py: the recursive filter beside
 #          torchaudio and scipy, the FFT convolution beside torch (needs
 #          torchaudio in the image); arguments follow. `all` runs it too.
+#   tune   bench/gpu/tune_bench.py: the tuners on the other benchmarks'
+#          shapes, then default against tuned in a new process; `all` runs
+#          it too
 # Everything it prints also lands in $OUT (the folder that comes back), or
 # in /tmp/ondrel-gpu where $OUT is unset: device.txt, build.log, tests.log,
 # bench.log, bench.json, and bench.md with one table per preset and
@@ -48,8 +51,8 @@ mkdir -p "$out"
 what=${1:-all}
 shift || true
 case $what in
-  tests | fft | stft | istft | mel | cepstra | griffinlim | adjoint | autograd | cqt | icqt | spectral_features | filters | all) ;;
-  *) echo "usage: $0 [tests | fft | stft | istft | mel | cepstra | griffinlim | adjoint | autograd | cqt | icqt | spectral_features | filters | all] [benchmark arguments]" >&2; exit 2 ;;
+  tests | fft | stft | istft | mel | cepstra | griffinlim | adjoint | autograd | cqt | icqt | spectral_features | filters | tune | all) ;;
+  *) echo "usage: $0 [tests | fft | stft | istft | mel | cepstra | griffinlim | adjoint | autograd | cqt | icqt | spectral_features | filters | tune | all] [benchmark arguments]" >&2; exit 2 ;;
 esac
 export PYTHONUNBUFFERED=1
 
@@ -100,5 +103,9 @@ if [ "$what" = filters ] || [ "$what" = all ]; then
   [ "$what" = filters ] && args=("$@")
   (cd /tmp && python3 "$root/bench/gpu/filter_bench.py" --out "$out/filters" "${args[@]}") 2>&1 |
     tee "$out/filters/bench.log" || status=1
+fi
+if [ "$what" = tune ] || [ "$what" = all ]; then
+  mkdir -p "$out/tune"
+  (cd /tmp && python3 "$root/bench/gpu/tune_bench.py" --out "$out/tune") 2>&1 | tee "$out/tune/bench.log" || status=1
 fi
 exit $status

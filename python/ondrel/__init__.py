@@ -28,5 +28,8 @@ os.environ.update(_updates)
 del _updates
 
 from .cqt import CqtPlan, cqt_plan, icqt_cg  # noqa: E402  (after the runtime choice, like everything else)
+from . import _progress  # noqa: E402
+
+_progress.install()
 
 __all__ = ["__version__", "runtime", "CqtPlan", "cqt_plan", "icqt_cg"]

@@ -98,6 +98,137 @@ def route_explain(op: str, n_fft: int, prec: int, device: int = 0) -> dict[str, 
     `prec` on `device`, as a dict: op, n_fft, odd, pow2, frame_len, schedule, rader_prime,
     bluestein, bluestein_m, smem, smem_cap, and core, staged, two_for_one, n1, n2 where they
     apply. Runs no kernel."""
+def stft_autotune_gpu(
+    x_ptr: int,
+    batch: int,
+    length: int,
+    n_fft: int,
+    hop: int,
+    center: bool,
+    output: str,
+    eps: float,
+    window: object,
+    prec: int,
+    device: int = 0,
+    iters: int = 50,
+    warmup: int = 10,
+) -> dict[str, int | float]:
+    """Times the fused STFT's candidates for the shape of stft_resident (batch signals of
+    `length` samples at x_ptr, output bins x frames x batch in scratch of the tuner's own).
+    Returns {} where the shape's route has no knobs; else a dict of the winning words ept,
+    fpb, tpf, core, var (ints) and its time ms (float); zeros and ms 1e30 when no candidate
+    could be verified. Every candidate first runs once into NaN-poisoned scratch and must
+    match the default route (relative L2 at most 1e-12 in double, 1e-5 in single, 3e-3 for
+    half data, 2e-2 for half arithmetic) before it is timed: the minimum of cold-cache
+    samples on the null stream. The caller's input is only read; nothing is stored. prec is
+    the operation's own: 0 half storage, 1 single, 2 double, 3 half arithmetic where the
+    operation has it."""
+def istft_autotune_gpu(
+    z_ptr: int,
+    batch: int,
+    bins: int,
+    frames: int,
+    stride_batch: int,
+    stride_bin: int,
+    stride_frame: int,
+    n_fft: int,
+    hop: int,
+    center: bool,
+    window: object,
+    prec: int,
+    device: int = 0,
+    iters: int = 50,
+    warmup: int = 10,
+) -> dict[str, int | float]:
+    """Times the fused inverse STFT's threads per transform for the shape of istft_resident
+    (spectra at z_ptr read through the strides; the whole signal, length -1, in scratch).
+    Returns {} where the shape's route has no knobs; else a dict of the winning words ept,
+    fpb, tpf, core, var (ints) and its time ms (float); zeros and ms 1e30 when no candidate
+    could be verified. Every candidate first runs once into NaN-poisoned scratch and must
+    match the default route (relative L2 at most 1e-12 in double, 1e-5 in single, 3e-3 for
+    half data, 2e-2 for half arithmetic) before it is timed: the minimum of cold-cache
+    samples on the null stream. The caller's input is only read; nothing is stored. prec is
+    the operation's own: 0 half storage, 1 single, 2 double, 3 half arithmetic where the
+    operation has it."""
+def mel_autotune_gpu(
+    x_ptr: int,
+    batch: int,
+    length: int,
+    fb: object,
+    n_fft: int,
+    hop: int,
+    center: bool,
+    power: float,
+    output: str,
+    eps: float,
+    window: object,
+    prec: int,
+    device: int = 0,
+    iters: int = 50,
+    warmup: int = 10,
+) -> dict[str, int | float]:
+    """Times the fused mel spectrogram's candidates for the shape of mel_resident (n_mels x
+    frames x batch of output in scratch). Returns {} where the shape's route has no knobs;
+    else a dict of the winning words ept, fpb, tpf, core, var (ints) and its time ms
+    (float); zeros and ms 1e30 when no candidate could be verified. Every candidate first
+    runs once into NaN-poisoned scratch and must match the default route (relative L2 at
+    most 1e-12 in double, 1e-5 in single, 3e-3 for half data, 2e-2 for half arithmetic)
+    before it is timed: the minimum of cold-cache samples on the null stream. The caller's
+    input is only read; nothing is stored. prec is the operation's own: 0 half storage, 1
+    single, 2 double, 3 half arithmetic where the operation has it."""
+def fft_autotune_gpu(
+    x_ptr: int, batch: int, n: int, prec: int, device: int = 0, iters: int = 50, warmup: int = 10
+) -> dict[str, dict[str, int | float]]:
+    """Times the complex FFT's candidates over batch x n complex rows at x_ptr, forward and
+    then inverse (on the forward's spectrum, in scratch of its own). Returns {} where the
+    route has no knobs (n below 4, Bluestein, four-step); else {'forward': words, 'inverse':
+    words}, each a dict of ept, fpb, tpf, core, var and ms. Every candidate first runs once
+    into NaN-poisoned scratch and must match the default route (relative L2 at most 1e-12 in
+    double, 1e-5 in single, 3e-3 for half data, 2e-2 for half arithmetic) before it is
+    timed: the minimum of cold-cache samples on the null stream. The caller's input is only
+    read; nothing is stored. prec is the operation's own: 0 half storage, 1 single, 2
+    double, 3 half arithmetic where the operation has it."""
+def rfft_autotune_gpu(
+    x_ptr: int, batch: int, n: int, prec: int, device: int = 0, iters: int = 50, warmup: int = 10
+) -> dict[str, dict[str, int | float]]:
+    """The same for the real FFT over batch x n real rows at x_ptr (prec 3 measures single
+    precision: no real kernel has half arithmetic). Every candidate first runs once into
+    NaN-poisoned scratch and must match the default route (relative L2 at most 1e-12 in
+    double, 1e-5 in single, 3e-3 for half data, 2e-2 for half arithmetic) before it is
+    timed: the minimum of cold-cache samples on the null stream. The caller's input is only
+    read; nothing is stored. prec is the operation's own: 0 half storage, 1 single, 2
+    double, 3 half arithmetic where the operation has it."""
+def cqt_autotune_gpu(
+    x_ptr: int,
+    batch: int,
+    length: int,
+    n_levels: int,
+    octaves: list,
+    taps: object,
+    plan_key: str,
+    n_bins: int,
+    frames: int,
+    output: str,
+    eps: float,
+    prec: int,
+    device: int = 0,
+    iters: int = 20,
+    warmup: int = 5,
+) -> dict[str, object]:
+    """Times the constant-Q transform's two routes (core 0 fused where each octave allows it, 1
+    staged) for the shape of cqt_resident. Returns {'core': int, 'ms': float, 'octaves':
+    [(n_fft, hop) of each octave in list order]}: with the core, the words of one 'cqt' hint
+    per octave; core 0 and ms 1e30 when neither route could be verified. Every candidate
+    first runs once into NaN-poisoned scratch and must match the default route (relative L2
+    at most 1e-12 in double, 1e-5 in single, 3e-3 for half data, 2e-2 for half arithmetic)
+    before it is timed: the minimum of cold-cache samples on the null stream. The caller's
+    input is only read; nothing is stored. prec is the operation's own: 0 half storage, 1
+    single, 2 double, 3 half arithmetic where the operation has it."""
+def _set_tune_progress(hook: object) -> None:
+    """Installs the process-wide hook the tuners call after each candidate as hook(tuner,
+    index, total, (ept, fpb, tpf, core, var), outcome), outcome the time in ms (float) or
+    the reason the candidate was skipped or rejected (str); None removes it. What the hook
+    raises ends the tuner."""
 def stft_adjoint_resident(
     g_ptr: int,
     gx_ptr: int,
@@ -981,3 +1112,21 @@ def lfilter_resident(
     lfilter_pack_resident, xh_ptr (rows x (m1 - 1)) and zy_ptr (rows x p) both or neither (0);
     one block of `threads` threads (1 to 256) a row, runs of `seq` (16) samples. prec 2 is
     double, every other value single."""
+
+class _test_hooks:
+    @staticmethod
+    def launch_table_touches() -> int: ...
+    @staticmethod
+    def kernels_generated() -> int: ...
+    @staticmethod
+    def keep_kernel_texts(on: bool) -> None: ...
+    @staticmethod
+    def take_kernel_texts() -> list[tuple[str, str]]: ...
+    @staticmethod
+    def device_blocks_live() -> int: ...
+    @staticmethod
+    def watch_launch_keys(on: bool) -> None: ...
+    @staticmethod
+    def last_launch_key() -> str: ...
+    @staticmethod
+    def corrupt_candidate(index: int) -> None: ...

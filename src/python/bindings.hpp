@@ -43,6 +43,9 @@ void register_spectral(pybind11::module_& m);
 
 // set_shape_hint, shape_epoch, shape_hint_clear, route_explain.
 void register_hints(pybind11::module_& m);
+// stft_autotune_gpu ... cqt_autotune_gpu, the private _set_tune_progress and
+// the _test_hooks submodule.
+void register_tuners(pybind11::module_& m);
 
 // rms_resident ... tonnetz_staged: the small frame features, positional only.
 void register_features(pybind11::module_& m);

@@ -28,4 +28,5 @@ PYBIND11_MODULE(_rocm, m) {
   ondrel::python::register_conv_adjoint(m);
   ondrel::python::register_lfilter(m);
   ondrel::python::register_hints(m);
+  ondrel::python::register_tuners(m);
 }

@@ -7,12 +7,15 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <mutex>
 #include <stdexcept>
+#include <utility>
 #include <vector>
 
 #include "rocm/cache_file.hpp"
 #include "rocm/context.hpp"
 #include "rocm/once_map.hpp"
+#include "rocm/probes.hpp"
 
 namespace fs = std::filesystem;
 
@@ -26,6 +29,31 @@ using hip_dl::hipFunction_t;
 OnceMap<std::string, hipFunction_t>& lookup_cache() {
   static auto& cache = *new OnceMap<std::string, hipFunction_t>;
   return cache;
+}
+
+std::atomic<uint64_t>& texts_written() {
+  static std::atomic<uint64_t> count{0};
+  return count;
+}
+
+// Texts kept while a test watches, so that it can put them through another
+// compiler.
+struct KeptTexts {
+  std::mutex lock;
+  bool on = false;
+  std::vector<std::pair<std::string, std::string>> texts;
+};
+
+KeptTexts& kept_texts() {
+  static auto& kept = *new KeptTexts;
+  return kept;
+}
+
+std::string kept(const std::string& key, std::string text) {
+  KeptTexts& k = kept_texts();
+  std::lock_guard guard(k.lock);
+  if (k.on) k.texts.emplace_back(key, text);
+  return text;
 }
 
 // Kernels by device, name and text: two keys of one text share a module.
@@ -171,7 +199,24 @@ hipFunction_t kernel_function(const std::string& key, int device, const std::fun
   // Formed in a buffer each thread keeps: a hit allocates nothing.
   thread_local std::string lookup_key;
   lookup_key.assign(key).append("#").append(name).append("#d").append(std::to_string(device));
-  return lookup_cache().get(lookup_key, [&] { return compile_function(device, generator(), name); });
+  return lookup_cache().get(lookup_key, [&] {
+    texts_written().fetch_add(1);
+    return compile_function(device, kept(key, generator()), name);
+  });
+}
+
+uint64_t kernels_generated() { return texts_written().load(); }
+
+void keep_kernel_texts(bool on) {
+  KeptTexts& k = kept_texts();
+  std::lock_guard guard(k.lock);
+  k.on = on;
+}
+
+std::vector<std::pair<std::string, std::string>> take_kernel_texts() {
+  KeptTexts& k = kept_texts();
+  std::lock_guard guard(k.lock);
+  return std::exchange(k.texts, {});
 }
 
 }  // namespace ondrel

@@ -1,13 +1,18 @@
 #include "rocm/device_pool.hpp"
 
 #include <algorithm>
+#include <atomic>
 #include <new>
 
 #include "rocm/context.hpp"
+#include "rocm/probes.hpp"
 
 namespace ondrel {
 
 namespace {
+// Blocks out of the pool's hands; a test reads it to see scratch given back.
+std::atomic<int64_t> blocks_live{0};
+
 int current_device() {
   int dev = -1;
   return hip_dl::api().GetDevice(&dev) == hip_dl::hipSuccess ? dev : -1;
@@ -26,7 +31,10 @@ void* DevicePool::alloc(size_t bytes, hip_dl::hipStream_t stream) {
   const auto& hip = hip_dl::api();
   {
     std::lock_guard guard(lock);
-    if (void* p = take_best_fit(buckets[{current_device(), stream}], n)) return p;
+    if (void* p = take_best_fit(buckets[{current_device(), stream}], n)) {
+      blocks_live.fetch_add(1);
+      return p;
+    }
   }
   void* p = nullptr;
   hip_dl::hipError_t r = hip.Malloc(&p, n);
@@ -39,6 +47,7 @@ void* DevicePool::alloc(size_t bytes, hip_dl::hipStream_t stream) {
   ONDREL_HIP_CHECK_TAG(r, "memAlloc");
   std::lock_guard guard(lock);
   live_sizes[p] = n;
+  blocks_live.fetch_add(1);
   return p;
 }
 
@@ -50,6 +59,7 @@ void DevicePool::free(void* p, hip_dl::hipStream_t stream) noexcept {
     hip_dl::api().Free(p);
     return;
   }
+  blocks_live.fetch_sub(1);
   try {
     buckets[{current_device(), stream}].emplace(it->second, p);
   } catch (const std::bad_alloc&) {
@@ -92,5 +102,7 @@ void DevicePool::release_cached_locked() noexcept {
     blocks.clear();
   }
 }
+
+int64_t device_blocks_live() { return blocks_live.load(); }
 
 }  // namespace ondrel

@@ -1,13 +1,33 @@
 #include "cuda_like/launch/launch_record.hpp"
 
 #include <algorithm>
+#include <atomic>
+#include <mutex>
 #include <stdexcept>
 
 #include "codegen/backend.hpp"
+#include "cuda_like/launch/launch_probe.hpp"
 #include "rocm/compile.hpp"
 #include "rocm/context.hpp"
 
 namespace ondrel {
+
+namespace {
+
+std::atomic<uint64_t> table_touches{0};
+std::atomic<bool> watching{false};
+
+std::mutex& watched_lock() {
+  static std::mutex m;
+  return m;
+}
+
+std::string& watched_key() {
+  static std::string key;
+  return key;
+}
+
+}  // namespace
 
 LaunchRecord compiled(const KernelPlan& plan, int device) {
   // A text whose head lists other parameters than the plan would take the
@@ -36,6 +56,10 @@ LaunchRecord compiled(const KernelPlan& plan, int device) {
 void launch(const LaunchRecord& rec, unsigned grid_x, unsigned grid_y, KernelArgs& args,
             hip_dl::hipStream_t stream) {
   if (grid_y > kMaxGridRows) throw std::runtime_error(rec.entry + ": batch exceeds grid.y limit");
+  if (watching.load(std::memory_order_relaxed)) {
+    std::lock_guard guard(watched_lock());
+    watched_key() = rec.key;
+  }
   launch_kernel(rec.fn, grid_x, grid_y, rec.threads, rec.shared_bytes, args.pointers(), rec.key, stream);
 }
 
@@ -44,7 +68,18 @@ void for_row_chunks(int64_t rows, const std::function<void(int64_t, int64_t)>& b
 }
 
 uint64_t record_hash(uint64_t key, uint64_t generation) {
+  // Every find and store of a launch table goes through here.
+  table_touches.fetch_add(1, std::memory_order_relaxed);
   return (key * 64 + generation + 0x9e3779b97f4a7c15ULL + (key >> 2)) ^ key;
+}
+
+uint64_t launch_table_touches() { return table_touches.load(); }
+
+void watch_launch_keys(bool on) { watching.store(on); }
+
+std::string last_launch_key() {
+  std::lock_guard guard(watched_lock());
+  return watched_key();
 }
 
 }  // namespace ondrel

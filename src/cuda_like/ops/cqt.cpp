@@ -90,9 +90,12 @@ void run_fused(const CqtCall& c, const OctaveRoute& r, const CqtOctaveDevice& t,
 
 template <class T>
 void run_staged(const CqtCall& c, const CqtOctaveDevice& t, const CqtOctave& o, const void* padded, int64_t plen,
-                void* out, int device) {
+                void* out, int device, bool forced) {
+  // A forced route is a tuner's candidate: its STFT takes the default knobs
+  // and no launch record.
+  static const TuneEntry automatic{};
   const LaunchRecord red = compiled(red_plan(cqt_form(c)), device);
-  const DeviceBuffer spectra = octave_spectra<T>(c, o, padded, plen);
+  const DeviceBuffer spectra = octave_spectra<T>(c, o, padded, plen, forced ? &automatic : nullptr);
   KernelArgs args = red.args();
   args.set("S", static_cast<const void*>(spectra.p))
       .set("out", static_cast<const void*>(out))
@@ -134,7 +137,7 @@ std::vector<CqtRoute> cqt_in(const CqtForward& f) {
       const OctaveRoute r = octave_route(c, oc, lens[l], limit, f.forced);
       routes[o] = r.route;
       if (r.route == CqtRoute::fused) run_fused<T>(c, r, tables.octaves[o], oc, padded.p, plen, f.out, device);
-      else run_staged<T>(c, tables.octaves[o], oc, padded.p, plen, f.out, device);
+      else run_staged<T>(c, tables.octaves[o], oc, padded.p, plen, f.out, device, f.forced != CqtRoute::automatic);
     }
     if (l == p.n_levels - 1) break;
     DeviceBuffer next(static_cast<size_t>(c.batch * lens[l + 1]) * sizeof(T), stream_of(c));
@@ -223,7 +226,8 @@ DeviceBuffer padded_level(const CqtCall& c, const CqtOctave& o, const void* cur,
 }
 
 template <class T>
-DeviceBuffer octave_spectra(const CqtCall& c, const CqtOctave& o, const void* padded, int64_t plen) {
+DeviceBuffer octave_spectra(const CqtCall& c, const CqtOctave& o, const void* padded, int64_t plen,
+                            const TuneEntry* knobs) {
   static const WindowSpec boxcar = named_window("boxcar");
   const int64_t nfl = (plen - o.n_fft) / o.hop + 1;
   DeviceBuffer spectra(static_cast<size_t>(c.batch * nfl * o.nb()) * 2 * sizeof(T), stream_of(c));
@@ -241,6 +245,7 @@ DeviceBuffer octave_spectra(const CqtCall& c, const CqtOctave& o, const void* pa
   s.prec = full_width(sizeof(T) == 8);
   s.device = c.device;
   s.stream = c.stream;
+  s.knobs = knobs;
   stft(s);
   return spectra;
 }
@@ -271,7 +276,7 @@ std::vector<KernelPlan> cqt_kernels(const CqtCall& c, uint64_t shared_limit) {
 
 template DeviceBuffer padded_level<float>(const CqtCall&, const CqtOctave&, const void*, int64_t, bool, int);
 template DeviceBuffer padded_level<double>(const CqtCall&, const CqtOctave&, const void*, int64_t, bool, int);
-template DeviceBuffer octave_spectra<float>(const CqtCall&, const CqtOctave&, const void*, int64_t);
-template DeviceBuffer octave_spectra<double>(const CqtCall&, const CqtOctave&, const void*, int64_t);
+template DeviceBuffer octave_spectra<float>(const CqtCall&, const CqtOctave&, const void*, int64_t, const TuneEntry*);
+template DeviceBuffer octave_spectra<double>(const CqtCall&, const CqtOctave&, const void*, int64_t, const TuneEntry*);
 
 }  // namespace ondrel

@@ -53,9 +53,11 @@ void decimate(const LaunchRecord& k, const void* in, void* out, const void* taps
 template <class T>
 DeviceBuffer padded_level(const CqtCall& c, const CqtOctave& o, const void* cur, int64_t len, bool half_input,
                           int device);
-// The complex spectra (batch x nfl x nb of T) of a padded level, through the STFT.
+// The complex spectra (batch x nfl x nb of T) of a padded level, through the
+// STFT; with `knobs`, that STFT neither reads nor keeps launch records.
 template <class T>
-DeviceBuffer octave_spectra(const CqtCall& c, const CqtOctave& o, const void* padded, int64_t plen);
+DeviceBuffer octave_spectra(const CqtCall& c, const CqtOctave& o, const void* padded, int64_t plen,
+                            const TuneEntry* knobs = nullptr);
 // Grid blocks of 256 threads over `count` elements.
 unsigned flat_blocks(int64_t count);
 
