@@ -54,3 +54,28 @@ def run_python():
         )
 
     return run
+
+
+REPORT_ERRORS = """
+for call in CALLS:
+    try:
+        print("returned", call())
+    except (ValueError, RuntimeError, IndexError, TypeError) as e:
+        print(type(e).__name__, e)
+"""
+
+
+@pytest.fixture
+def errors_before_device_work(run_python):
+    """The error of each call in CALLS, a list of callables the given code
+    defines, one line each, from a process on the CPU runtime where every
+    allocation and launch fails: a check that ran after device work would
+    report that failure instead of its own text."""
+
+    def run(code: str) -> list[str]:
+        proc = run_python(code + REPORT_ERRORS, ONDREL_RUNTIME="cpu", ONDREL_CPU_FAIL_MALLOC="1000",
+                          ONDREL_CPU_FAIL_LAUNCH="1000")
+        assert proc.returncode == 0, proc.stderr
+        return proc.stdout.splitlines()
+
+    return run
