@@ -151,7 +151,7 @@ PYBIND11_MODULE(_codegen, m) {
       "four_step_kernel_texts",
       [](int32_t n, int32_t prec, bool inverse, uint64_t shared_limit) {
         const ondrel::Precision p = ondrel::precision_code(prec);
-        const ondrel::FourStepPlan plan = ondrel::four_step_plan(n, p.is_double(), shared_limit);
+        const ondrel::FourStepPlan plan = ondrel::four_step_plan(n, p.is_double(), p.half(), shared_limit);
         return texts({ondrel::four_step_kernel(plan, 1, p.is_double(), p.storage, p.storage, inverse),
                       ondrel::four_step_kernel(plan, 2, p.is_double(), p.storage, p.storage, inverse)});
       },
