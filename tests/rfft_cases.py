@@ -35,7 +35,10 @@ WIDE = [
 DEFAULT = [(2, 0, None), (20, 1, None), (24, 0, None), (3, 2, None), (12, 2, None)]
 DEFAULT += [(n, p, None) for n in (64, 4096, 96, 1000, 1250, 9, 17, 225) for p in (0, 1, 2)]
 # Multi-kernel routes: Bluestein (odd lengths below 9, large primes, the
-# pair and the staged forms) and the real four-step path.
+# pair and the staged forms) and the real four-step path; 2 x 126 x 126 has
+# ragged tiles in both passes (the last pass's 63 column pairs), as has the
+# staged convolution of 7429 (120 x 125).
 LONG = [(5, 1, None), (41, 2, None), (82, 1, None), (94, 1, None), (7919, 1, None), (7919, 0, None), (1009, 2, None),
         (40000, 1, None), (2**16, 2, None), (2**16, 0, None)]
+LONG += [(2 * 126 * 126, p, None) for p in (0, 1, 2)] + [(7429, 2, None), (7429, 0, None)]
 CASES = SWEEP + WIDE + DEFAULT + LONG

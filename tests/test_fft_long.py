@@ -65,6 +65,11 @@ CASES = [
     (82, 2, 3), (82, 1, 3), (17 * 19 * 23, 1, 2), (2 * 65537, 2, 1),
     (41, 0, 3), (7919, 0, 2), (65537, 0, 1), (20000, 0, 2), (2**15, 0, 1), (2**20, 3, 1),
 ]
+# Splits whose factors hold few powers of two, so tiles are ragged: 126 x 126
+# and 120 x 125, alone and as the convolution lengths of 7919 and 7429.
+RAGGED = [(126 * 126, p, 2) for p in (0, 1, 2)] + [(120 * 125, p, 2) for p in (0, 1, 2)]
+RAGGED += [(7429, p, 2) for p in (0, 1, 2)]
+CASES += RAGGED
 SLOW_CASES = [(2**21, 2, 1), (2**22, 2, 1), (10**6, 2, 1), (1000003, 2, 1), (2**21 + 1, 1, 1)]
 
 
@@ -113,9 +118,56 @@ def test_no_split_is_refused_before_any_work(run_python):
     assert proc.stdout.splitlines() == [NO_SPLIT, NO_SPLIT]
 
 
-def test_staged_bluestein_keeps_the_batch_on_grid_y():
-    with pytest.raises(RuntimeError, match="^ondrel_bgpre: batch exceeds grid.y limit$"):
-        _rocm.fft_resident(0, 0, 65536, 65537, False, 1, 0, 0)
+TILE_KEY = re.compile(r"_(\d+)x\d+$")
+
+
+@pytest.mark.parametrize("limit", [65536, 101376, 232448])
+@pytest.mark.parametrize("prec, narrowest", [(0, 4), (1, 8), (2, 16)])
+@pytest.mark.parametrize("n, bluestein", [(126 * 126, False), (120 * 125, False), (2**14, False), (7919, True),
+                                          (7429, True)])
+def test_tiles_read_and_write_64_byte_segments(n, bluestein, prec, narrowest, limit):
+    # Every strided row segment of a pass spans the tile's columns, so their
+    # bytes in the narrowest element on either side must reach 64. The
+    # Bluestein lengths are asked at a limit their one-kernel form exceeds.
+    if bluestein:
+        texts = _codegen.bluestein_kernel_texts(n, prec, False, 65536)
+    else:
+        texts = _codegen.four_step_kernel_texts(n, prec, False, limit)
+    for key, _ in texts:
+        columns = int(TILE_KEY.search(key).group(1))
+        assert columns * narrowest >= 64, key
+
+
+@pytest.mark.parametrize("n, prec, real", [(7919, 1, False), (7919, 2, False), (7429, 0, False), (7429, 2, True),
+                                           (7919, 1, True)])
+def test_staged_bluestein_is_four_passes(n, prec, real):
+    # The chirp and filter steps ride in the transforms' loads and stores.
+    for inverse in (False, True):
+        texts = _codegen.bluestein_kernel_texts(n, prec, inverse, 16384, real)
+        assert len(texts) == 4, [key for key, _ in texts]
+        assert all("ondrel_fft(" in text for _, text in texts)
+
+
+BLUESTEIN_CHUNK_SCRIPT = textwrap.dedent(
+    """
+    import numpy as np
+    from ondrel import _rocm
+    n, rows = 41, 65537
+    rng = np.random.default_rng({seed})
+    x = (rng.standard_normal((rows, n)) + 1j * rng.standard_normal((rows, n))).astype(np.complex64)
+    for inverse in (False, True):
+        y = _rocm.fft_staged(x, inverse)
+        ref = (np.fft.ifft if inverse else np.fft.fft)(x.astype(np.complex128), axis=1)
+        err = np.linalg.norm(y - ref, axis=1) / np.linalg.norm(ref, axis=1)
+        assert err.max() <= 2e-5, (inverse, err.argmax(), err.max())
+    """
+)
+
+
+def test_staged_bluestein_batch_above_grid_y_goes_in_chunks(run_python):
+    # At 512 bytes the convolution of 41 (length 84) leaves one block and is staged.
+    proc = run_python(BLUESTEIN_CHUNK_SCRIPT.format(seed=SEED), **same_runtime_env(512))
+    assert proc.returncode == 0, f"seed {SEED}\n{proc.stdout}\n{proc.stderr}"
 
 
 CHUNK_SCRIPT = textwrap.dedent(

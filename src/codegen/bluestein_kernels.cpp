@@ -20,21 +20,6 @@ KernelParams bluestein_row_params(const std::string& in, const std::string& out,
           KernelParam::value("int", "nrows")};
 }
 
-// Real rows are plain reals of the data's precision (half reals are
-// __half); spectra and complex rows are `iot`.
-KernelParams bluestein_pre_params(const Backend& backend, int prec, int io, BluesteinMode mode) {
-  const std::string in = mode == BluesteinMode::real_forward ? backend.real_type(io == 0 ? 0 : prec) : "iot";
-  return {KernelParam::input(in, "x"), KernelParam::output("cplx", "out"), KernelParam::input("cplx", "bch")};
-}
-
-KernelParams bluestein_mul_params() { return {KernelParam::output("cplx", "z"), KernelParam::input("cplx", "filt")}; }
-
-KernelParams bluestein_post_params(const Backend& backend, int prec, int io, BluesteinMode mode) {
-  const std::string out = mode == BluesteinMode::real_inverse ? backend.real_type(io == 0 ? 0 : prec) : "iot";
-  return {KernelParam::input("cplx", "z"), KernelParam::output(out, "out"), KernelParam::input("cplx", "bch"),
-          KernelParam::value(backend.real_type(prec), "scale")};
-}
-
 std::string bluestein_fused_kernel(int32_t n, int32_t m, const std::vector<int32_t>& schedule, int prec,
                                    int32_t tpf, const Backend& backend) {
   const std::string real = backend.real_type(prec);
@@ -143,63 +128,6 @@ std::string bluestein_pair_kernel(int32_t n, int32_t m, const std::vector<int32_
       w.emit("if (row1 < nrows) out[row1 * $ + k] = $(($)x1r, ($)x1i);", bins, pair, real, real);
     });
   }
-  return text + w.text() + "}\n";
-}
-
-std::string bluestein_pre_kernel(int32_t n, int32_t m, int prec, int io, BluesteinMode mode,
-                                 const Backend& backend) {
-  const std::string real = backend.real_type(prec);
-  const KernelParams params = bluestein_pre_params(backend, prec, io, mode);
-  const std::string& in_type = params[0].type;
-  const int64_t in_row = mode == BluesteinMode::real_inverse ? n / 2 + 1 : n;
-  std::string text = fft_prelude(backend, prec, io == 0 ? 0 : prec) + KernelSig("ondrel_bgpre", backend, params).head();
-  KernelWriter w(prec, backend);
-  flat_ids(w, "i", std::to_string(m), "row", "");
-  w.emit("const DEV $* xb = x + row * $;", in_type, in_row);
-  w.emit("cplx zz = cmk(($)0, ($)0);", real, real);
-  w.raw(format("  if (i < $) {\n", {n}));
-  switch (mode) {
-    case BluesteinMode::complex:
-      w.emit("iot v = xb[i]; zz = cmul(cmk(($)v.x, ($)v.y), bch[i]);", real, real);
-      break;
-    case BluesteinMode::real_forward:
-      w.emit("zz = cmul(cmk(($)xb[i], ($)0), bch[i]);", real, real);
-      break;
-    case BluesteinMode::real_inverse:
-      // The spectrum's Hermitian extension; bin 0 of a real row is real.
-      w.line("cplx xi;");
-      w.emit("if (i <= $) { iot v = xb[i]; xi = cmk(($)v.x, ($)v.y); } else { iot c = xb[$ - i]; xi = cmk(($)c.x, "
-             "-($)c.y); }",
-             n / 2, real, real, n, real, real);
-      w.emit("if (i == 0) xi.y = ($)0;", real);
-      w.line("zz = cmul(xi, bch[i]);");
-      break;
-  }
-  w.raw("  }\n");
-  w.emit("out[row * $ + i] = zz;", m);
-  return text + w.text() + "}\n";
-}
-
-std::string bluestein_mul_kernel(int32_t m, int prec, const Backend& backend) {
-  std::string text = backend.preamble(prec) + complex_prelude(backend, prec) +
-                     KernelSig("ondrel_bgmul", backend, bluestein_mul_params()).head();
-  KernelWriter w(prec, backend);
-  flat_ids(w, "i", std::to_string(m), "row", "");
-  w.emit("z[row * $ + i] = cmul(z[row * $ + i], filt[i]);", m, m);
-  return text + w.text() + "}\n";
-}
-
-std::string bluestein_post_kernel(int32_t n, int32_t m, int prec, int io, BluesteinMode mode,
-                                  const Backend& backend) {
-  const int data = io == 0 ? 0 : prec;
-  const int64_t count = mode == BluesteinMode::real_forward ? n / 2 + 1 : n;
-  std::string text = fft_prelude(backend, prec, data) +
-                     KernelSig("ondrel_bgpost", backend, bluestein_post_params(backend, prec, io, mode)).head();
-  KernelWriter w(prec, backend);
-  flat_ids(w, "i", std::to_string(count), "row", "");
-  w.emit("cplx r = cmul(z[row * $ + i], bch[i]);", m);
-  w.emit("out[row * $ + i] = $;", count,
-         mode == BluesteinMode::real_inverse ? backend.convert(data, "r.x * scale") : backend.make_pair(data, "r.x * scale", "r.y * scale"));
   return text + w.text() + "}\n";
 }
 

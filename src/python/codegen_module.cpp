@@ -153,7 +153,7 @@ PYBIND11_MODULE(_codegen, m) {
       "four_step_kernel_texts",
       [](int32_t n, int32_t prec, bool inverse, uint64_t shared_limit) {
         const ondrel::Precision p = ondrel::precision_code(prec);
-        const ondrel::FourStepPlan plan = ondrel::four_step_plan(n, p.is_double(), shared_limit);
+        const ondrel::FourStepPlan plan = ondrel::four_step_plan(n, p.is_double(), p.half(), shared_limit);
         return texts({ondrel::four_step_kernel(plan, 1, p.is_double(), p.storage, p.storage, inverse),
                       ondrel::four_step_kernel(plan, 2, p.is_double(), p.storage, p.storage, inverse)});
       },
@@ -168,7 +168,8 @@ PYBIND11_MODULE(_codegen, m) {
       py::arg("n"), py::arg("prec") = 1, py::arg("inverse") = false, py::arg("shared_limit") = 65536,
       py::arg("real") = false,
       "[(kernel key, text)] of the Bluestein kernels that a complex (or, with real, a real) FFT of length n "
-      "compiles: the one-kernel form, or the staged kernels with the four-step passes of the convolution length.");
+      "compiles: the one-kernel form, or the four passes of the staged form (two four-step transforms of the "
+      "convolution length with the chirp and filter steps in their loads and stores).");
   m.def(
       "four_step_real_kernel_texts",
       [](int32_t n, int32_t prec, bool inverse, uint64_t shared_limit) {

@@ -16,11 +16,6 @@ namespace ondrel {
 
 namespace {
 
-constexpr unsigned kBlock = 256;  // threads of the staged kernels
-constexpr int64_t kGridY = 65535;
-
-unsigned blocks_for(int64_t count) { return static_cast<unsigned>((count + kBlock - 1) / kBlock); }
-
 int32_t pair_tpf(int32_t m) { return std::max(16, m <= 1024 ? m / 32 : m / 16); }
 
 int prec_of(bool is_double) { return is_double ? 2 : 1; }
@@ -61,29 +56,33 @@ KernelPlan pair_kernel(int32_t n, bool inverse) {
   return k;
 }
 
-// The three element-wise kernels of the staged form, in launch order.
-std::vector<KernelPlan> staged_kernels(int32_t n, int32_t m, bool is_double, int32_t io, codegen::BluesteinMode mode,
-                                       bool inverse) {
-  const codegen::Backend& b = codegen::hip_backend();
+// The four passes of the staged form in launch order: the forward transform
+// of length m with the chirp folded into its first load and the filter
+// product into its last store, then the inverse transform with the chirp
+// folded into its last store. The tiles follow the plan of length m.
+std::vector<KernelPlan> staged_kernels(int32_t n, const FourStepPlan& plan, bool is_double, int32_t io,
+                                       codegen::BluesteinMode mode) {
+  using codegen::FourStepFuse;
   const int prec = prec_of(is_double), data = io == 0 ? 0 : prec;
-  const std::string p = std::to_string(prec);
-  const std::string tail = std::to_string(n) + "_" + std::to_string(m) + "_" + p + "_" + std::to_string(data) + "_" +
-                           std::to_string(static_cast<int>(mode)) + (inverse ? "_i" : "_f");
-  std::vector<KernelPlan> k(3);
-  k[0].key = "cgbpre_" + tail;
-  k[0].entry = "ondrel_bgpre";
-  k[0].params = codegen::bluestein_pre_params(b, prec, data, mode);
-  k[0].text = [=] { return codegen::bluestein_pre_kernel(n, m, prec, data, mode, codegen::hip_backend()); };
-  k[1].key = "cgbmul_" + std::to_string(m) + "_" + p;
-  k[1].entry = "ondrel_bgmul";
-  k[1].params = codegen::bluestein_mul_params();
-  k[1].text = [=] { return codegen::bluestein_mul_kernel(m, prec, codegen::hip_backend()); };
-  k[2].key = "cgbpost_" + tail;
-  k[2].entry = "ondrel_bgpost";
-  k[2].params = codegen::bluestein_post_params(b, prec, data, mode);
-  k[2].text = [=] { return codegen::bluestein_post_kernel(n, m, prec, data, mode, codegen::hip_backend()); };
-  for (KernelPlan& plan : k) plan.threads = kBlock;
-  return k;
+  const std::string p = std::to_string(prec), m = std::to_string(plan.n);
+  const std::string tail = std::to_string(n) + "_" + m + "_" + p + "_" + std::to_string(data) + "_" +
+                           std::to_string(static_cast<int>(mode)) + "_";
+  const auto chirp = [&](codegen::FourStepPass pass, FourStepFuse fuse) {
+    pass.fuse = fuse;
+    pass.chirp_n = n;
+    pass.chirp_mode = static_cast<int>(mode);
+    return pass;
+  };
+  codegen::FourStepPass filter = four_step_pass(plan, 2, is_double, prec, prec, false);
+  filter.fuse = FourStepFuse::filter_store;
+  return {
+      four_step_pass_plan(plan, chirp(four_step_pass(plan, 1, is_double, data, prec, false), FourStepFuse::chirp_load),
+                          "cbfs1_" + tail + four_step_tile_key(plan, 1)),
+      four_step_pass_plan(plan, filter, "cbfs2m_" + m + "_" + p + "_" + four_step_tile_key(plan, 2)),
+      four_step_kernel(plan, 1, is_double, prec, prec, true),
+      four_step_pass_plan(plan, chirp(four_step_pass(plan, 2, is_double, prec, data, true), FourStepFuse::chirp_store),
+                          "cbfs2c_" + tail + four_step_tile_key(plan, 2)),
+  };
 }
 
 codegen::BluesteinMode staged_mode(bool real, bool inverse) {
@@ -156,34 +155,53 @@ void bluestein_fused(const void* x, void* out, int64_t rows, int32_t n, bool inv
 template <class T>
 void bluestein_staged(const void* x, void* out, int64_t rows, int32_t n, bool inverse, codegen::BluesteinMode mode,
                       int device, hip_dl::hipStream_t stream, int32_t io) {
+  using codegen::BluesteinMode;
   constexpr bool is_double = sizeof(T) == 8;
-  constexpr int prec = is_double ? 2 : 1;
   const int32_t m = bluestein_m(n);
-  // Both convolution transforms must have a split before anything runs.
-  four_step_plan(m, is_double, device_shared_limit(device));
-  if (rows > kGridY) throw std::runtime_error("ondrel_bgpre: batch exceeds grid.y limit");
+  // The convolution's transforms must have a split before anything runs.
+  const FourStepPlan plan = four_step_plan(m, is_double, io == 0, device_shared_limit(device));
   if (rows <= 0) return;
-  const std::vector<KernelPlan> plans = staged_kernels(n, m, is_double, io, mode, inverse);
-  const LaunchRecord pre = compiled(plans[0], device), mul = compiled(plans[1], device),
-                     post = compiled(plans[2], device);
+  const std::vector<KernelPlan> plans = staged_kernels(n, plan, is_double, io, mode);
+  std::vector<LaunchRecord> passes;
+  for (const KernelPlan& k : plans) passes.push_back(compiled(k, device));
   const ChirpTables tables = chirp_tables<T>(n, m, inverse);
-  const DeviceBuffer scratch(static_cast<size_t>(rows) * static_cast<size_t>(m) * 2 * sizeof(T), stream);
-  const auto grid_y = static_cast<unsigned>(rows);
-  const void* z = scratch.p;
-
-  KernelArgs pre_args = pre.args();
-  pre_args.set("x", x).set("out", z).set("bch", tables.chirp);
-  launch(pre, blocks_for(m), grid_y, pre_args, stream);
-  four_step<T>(z, scratch.p, rows, m, false, device, stream, prec, prec);
-  KernelArgs mul_args = mul.args();
-  mul_args.set("z", z).set("filt", tables.filter);
-  launch(mul, blocks_for(m), grid_y, mul_args, stream);
-  four_step<T>(z, scratch.p, rows, m, true, device, stream, prec, prec);
-  const int64_t count = mode == codegen::BluesteinMode::real_forward ? n / 2 + 1 : n;
-  KernelArgs post_args = post.args();
-  post_args.set("z", z).set("out", static_cast<const void*>(out)).set("bch", tables.chirp)
-      .set("scale", static_cast<T>(inverse ? 1.0 / n : 1.0));
-  launch(post, blocks_for(count), grid_y, post_args, stream);
+  const void* tw = twiddle_device<T>(TwiddleKind::fft, m);
+  const size_t elem = 2 * sizeof(T);
+  const size_t complex_data = io == 0 ? 4 : elem, real_data = io == 0 ? 2 : sizeof(T);
+  const size_t half_row = static_cast<size_t>(n / 2 + 1) * complex_data;
+  const size_t in_row = mode == BluesteinMode::real_forward   ? static_cast<size_t>(n) * real_data
+                        : mode == BluesteinMode::real_inverse ? half_row
+                                                              : static_cast<size_t>(n) * complex_data;
+  const size_t out_row = mode == BluesteinMode::real_inverse   ? static_cast<size_t>(n) * real_data
+                         : mode == BluesteinMode::real_forward ? half_row
+                                                               : static_cast<size_t>(n) * complex_data;
+  const size_t scratch_row = static_cast<size_t>(m) * elem;
+  const DeviceBuffer a(static_cast<size_t>(rows) * scratch_row, stream), b(static_cast<size_t>(rows) * scratch_row,
+                                                                           stream);
+  // The inverse transform's store conjugates but leaves its 1 / m to `scale`.
+  const T scale = static_cast<T>((inverse ? 1.0 / n : 1.0) / m);
+  const unsigned tiles1 = four_step_tiles(plan.n1, plan.t1), tiles2 = four_step_tiles(plan.n2, plan.t2);
+  for_row_chunks(rows, [&](int64_t start, int64_t chunk) {
+    const auto first = static_cast<size_t>(start);
+    const void* src = static_cast<const char*>(x) + first * in_row;
+    const void* dst = static_cast<char*>(out) + first * out_row;
+    const void* za = static_cast<char*>(a.p) + first * scratch_row;
+    const void* zb = static_cast<char*>(b.p) + first * scratch_row;
+    const auto nrows = static_cast<int32_t>(chunk);
+    const auto grid_y = static_cast<unsigned>(chunk);
+    KernelArgs load = passes[0].args();
+    load.set("x", src).set("out", za).set("tw", tw).set("bch", tables.chirp).set("nrows", nrows);
+    launch(passes[0], tiles1, grid_y, load, stream);
+    KernelArgs filter = passes[1].args();
+    filter.set("x", za).set("out", zb).set("tw", tw).set("filt", tables.filter).set("nrows", nrows);
+    launch(passes[1], tiles2, grid_y, filter, stream);
+    KernelArgs back = passes[2].args();
+    back.set("x", zb).set("out", za).set("tw", tw).set("nrows", nrows);
+    launch(passes[2], tiles1, grid_y, back, stream);
+    KernelArgs store = passes[3].args();
+    store.set("x", za).set("out", dst).set("tw", tw).set("bch", tables.chirp).set("scale", scale).set("nrows", nrows);
+    launch(passes[3], tiles2, grid_y, store, stream);
+  });
 }
 
 template <class T>
@@ -221,11 +239,8 @@ std::vector<KernelPlan> bluestein_kernels(int32_t n, bool is_double, bool half, 
   const bool one_kernel = !half && (!real || !is_double);
   if (one_kernel && bluestein_fused_fits(m, is_double, shared_limit))
     return {real ? pair_kernel(n, inverse) : fused_kernel(n, is_double, inverse)};
-  std::vector<KernelPlan> out = staged_kernels(n, m, is_double, io, staged_mode(real, inverse), inverse);
-  const FourStepPlan plan = four_step_plan(m, is_double, shared_limit);
-  for (bool inv : {false, true})
-    for (int pass = 1; pass <= 2; ++pass) out.push_back(four_step_kernel(plan, pass, is_double, prec, prec, inv));
-  return out;
+  return staged_kernels(n, four_step_plan(m, is_double, half, shared_limit), is_double, io,
+                        staged_mode(real, inverse));
 }
 
 template void bluestein_fused<float>(const void*, void*, int64_t, int32_t, bool, int, hip_dl::hipStream_t);

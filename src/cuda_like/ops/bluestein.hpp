@@ -37,9 +37,10 @@ template <class T>
 void bluestein_fused(const void* x, void* out, int64_t rows, int32_t n, bool inverse, int device,
                      hip_dl::hipStream_t stream);
 
-// Three element-wise kernels around two four-step transforms of length m.
-// The batch stands on the grid's y axis: above 65535 rows it is refused
-// with "ondrel_bgpre: batch exceeds grid.y limit" before any work.
+// Two four-step transforms of length m in four passes: the chirp folded into
+// the first load, the filter product into the store between the transforms,
+// the chirp and scale into the last store. Rows go in chunks of at most
+// 65535, like the four-step path's.
 template <class T>
 void bluestein_staged(const void* x, void* out, int64_t rows, int32_t n, bool inverse, codegen::BluesteinMode mode,
                       int device, hip_dl::hipStream_t stream, int32_t io);
@@ -65,7 +66,7 @@ void bluestein_real(const void* x, void* out, int64_t rows, int32_t n, bool inve
 
 // Every kernel a Bluestein transform of length n compiles under
 // `shared_limit`, by the same choice as the operations: the fused or pair
-// kernel, or the staged kernels with the four-step passes of length m.
+// kernel, or the four staged passes of length m.
 // `real` picks the real transform (modes 1 and 2 when staged).
 std::vector<KernelPlan> bluestein_kernels(int32_t n, bool is_double, bool half, bool real, bool inverse,
                                           uint64_t shared_limit);

@@ -22,7 +22,7 @@ std::vector<KernelPlan> transform_kernels(int32_t n, bool real, const Precision&
   if (route.core == FftCore::bluestein)
     return bluestein_kernels(n, is_double, prec.half(), real, inverse, shared_limit);
   if (real) return four_step_real_kernels(n, is_double, prec.storage, inverse, shared_limit);
-  const FourStepPlan plan = four_step_plan(n, is_double, shared_limit);
+  const FourStepPlan plan = four_step_plan(n, is_double, prec.half(), shared_limit);
   return {four_step_kernel(plan, 1, is_double, prec.storage, prec.storage, inverse),
           four_step_kernel(plan, 2, is_double, prec.storage, prec.storage, inverse)};
 }

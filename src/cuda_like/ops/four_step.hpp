@@ -28,18 +28,33 @@ uint64_t four_step_tile_bytes(int64_t count, uint32_t elem);
 int32_t four_step_split(int32_t n, bool is_double, uint64_t shared_limit);
 
 // Columns of `length` elements a block takes: 16 halved until the tile fits
-// the budget (half the limit in double) and divides the `available` columns.
-int32_t four_step_tile_columns(int32_t length, int32_t available, bool is_double, uint64_t shared_limit);
+// the budget (half the limit in double) and the `available` columns. A width
+// that divides the columns is preferred while its row segments span at least
+// 64 bytes of the narrowest element (4-byte half pairs when `half_data`);
+// otherwise the last tile of a row is ragged, so that no split falls back to
+// tiles of one or two columns.
+int32_t four_step_tile_columns(int32_t length, int32_t available, bool is_double, bool half_data,
+                               uint64_t shared_limit);
 
-// The split and tiles of length n under `shared_limit`. Throws
+// Blocks that cover `columns` with tiles of `tile`, the last one ragged.
+unsigned four_step_tiles(int32_t columns, int32_t tile);
+
+// The split and tiles of length n under `shared_limit`; `half_data` when
+// either side of the transform holds half pairs. Throws
 // std::invalid_argument "fft: n exceeds the device shared-memory limit"
 // when no split fits.
-FourStepPlan four_step_plan(int32_t n, bool is_double, uint64_t shared_limit);
+FourStepPlan four_step_plan(int32_t n, bool is_double, bool half_data, uint64_t shared_limit);
 
 // The generator parameters of one pass. `word` is the data side's width
 // word (0 half pairs, anything else the full width).
 codegen::FourStepPass four_step_pass(const FourStepPlan& plan, int pass, bool is_double, int32_t in_word,
                                      int32_t out_word, bool inverse);
+
+// The kernel of pass `p` of `plan` under `key`.
+KernelPlan four_step_pass_plan(const FourStepPlan& plan, const codegen::FourStepPass& p, std::string key);
+
+// The tile part of a pass's key: columns "x" threads.
+std::string four_step_tile_key(const FourStepPlan& plan, int pass);
 
 // The kernel of a pass, keyed "cfs1v2_..." or "cfs2v2_...".
 KernelPlan four_step_kernel(const FourStepPlan& plan, int pass, bool is_double, int32_t in_word, int32_t out_word,

@@ -59,7 +59,7 @@ RealPlan real_plan(int32_t n, bool is_double, int32_t word, bool inverse, uint64
   plan.inverse = inverse;
   plan.base = std::to_string(n) + "_" + std::to_string(plan.prec) + "_" + std::to_string(plan.data);
   // Refuses with the complex path's text before any work.
-  plan.inner = four_step_plan(plan.nh, is_double, limit);
+  plan.inner = four_step_plan(plan.nh, is_double, plan.data == 0, limit);
   plan.paired = !inverse && plan.inner.n2 % 2 == 0;
   if (plan.paired) {
     const int32_t n1 = plan.inner.n1, n2 = plan.inner.n2, d = is_double ? 8 : 16;
@@ -67,7 +67,7 @@ RealPlan real_plan(int32_t n, bool is_double, int32_t word, bool inverse, uint64
     p.n = n;
     p.n1 = n1;
     p.n2 = n2;
-    p.columns = four_step_tile_columns(2 * n1, n2 / 2, is_double, limit);
+    p.columns = four_step_tile_columns(2 * n1, n2 / 2, is_double, plan.data == 0, limit);
     p.threads = std::clamp(2 * p.columns * n1 / d, 128, 1024);
     p.compute_prec = plan.prec;
     p.data_prec = plan.data;
@@ -157,7 +157,7 @@ void four_step_real(const void* x, void* out, int64_t rows, int32_t n, bool inve
     const auto nrows = static_cast<int32_t>(chunk);
     KernelArgs first = pass1.args();
     first.set("x", at(x, start, nh, data_elem)).set("out", mid).set("tw", tw_half).set("nrows", nrows);
-    launch(pass1, static_cast<unsigned>(inner.n1 / inner.t1), static_cast<unsigned>(chunk), first, stream);
+    launch(pass1, four_step_tiles(inner.n1, inner.t1), static_cast<unsigned>(chunk), first, stream);
     KernelArgs split = pass2.args();
     split.set("x", mid).set("out", at(out, start, nh + 1, data_elem)).set("tw", tw).set("nrows", nrows);
     launch(pass2, static_cast<unsigned>(inner.n2 / (2 * second.columns) + 1), static_cast<unsigned>(chunk), split,

@@ -32,7 +32,7 @@ void explain_fft(RouteExplanation& e, bool real, int32_t prec, uint64_t shared_l
   e.bluestein_m = e.bluestein ? bluestein_length(e.n_fft) : 0;
   if (route.core == FftCore::four_step) {
     const bool is_double = q.prec.is_double();
-    const FourStepPlan split = four_step_plan(e.frame_len, is_double, shared_limit);
+    const FourStepPlan split = four_step_plan(e.frame_len, is_double, false, shared_limit);
     e.n1 = split.n1;
     e.n2 = split.n2;
     e.core = "four_step";
