@@ -163,3 +163,22 @@ def mel_adjoint_kernel_texts(
     length: int,
     shared_limit: int = 65536,
 ) -> list[tuple[str, str]]: ...
+def fft_route_core(n: int, prec: int = 1, shared_limit: int = 65536) -> str:
+    """The core fft_resident takes for this length and precision code without tuned words,
+    as route_explain words it; unlike route_explain, which summarises, this is the route
+    itself."""
+def four_step_kernel_texts(
+    n: int, prec: int = 1, inverse: bool = False, shared_limit: int = 65536
+) -> list[tuple[str, str]]:
+    """(kernel key, text) of the two four-step passes of a complex FFT of length n."""
+def four_step_real_kernel_texts(
+    n: int, prec: int = 1, inverse: bool = False, shared_limit: int = 65536
+) -> list[tuple[str, str]]:
+    """(kernel key, text) of the kernels of the real four-step FFT of even length n."""
+def bluestein_kernel_texts(
+    n: int, prec: int = 1, inverse: bool = False, shared_limit: int = 65536, real: bool = False
+) -> list[tuple[str, str]]:
+    """(kernel key, text) of the Bluestein kernels that a complex (or, with real, a real) FFT
+    of length n compiles: the one-kernel form, or the four passes of the staged form (two
+    four-step transforms of the convolution length with the chirp and filter steps in their
+    loads and stores)."""
