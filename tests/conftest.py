@@ -1,6 +1,8 @@
+import json
 import os
 import subprocess
 import sys
+from pathlib import Path
 
 import pytest
 
@@ -77,5 +79,22 @@ def errors_before_device_work(run_python):
                           ONDREL_CPU_FAIL_LAUNCH="1000")
         assert proc.returncode == 0, proc.stderr
         return proc.stdout.splitlines()
+
+    return run
+
+
+@pytest.fixture
+def bench_cases(tmp_path):
+    """The cases a GPU benchmark's CPU smoke mode reports, from its script
+    under bench/gpu; the smoke modes run on the CPU runtime only."""
+    if ondrel.runtime != "cpu":
+        pytest.skip("the smoke mode runs on the CPU runtime")
+
+    def run(script: str) -> list[dict]:
+        bench = Path(__file__).resolve().parents[1] / "bench" / "gpu" / script
+        done = subprocess.run([sys.executable, str(bench), "--smoke", "--out", str(tmp_path)], capture_output=True,
+                              text=True, timeout=300)
+        assert done.returncode == 0, done.stderr
+        return json.loads((tmp_path / "bench.json").read_text())["cases"]
 
     return run

@@ -6,34 +6,22 @@ barriers of the fused text; errors before any device work; texts for sm_90."""
 
 from __future__ import annotations
 
-import json
 import os
 import re
-import subprocess
-import sys
 from pathlib import Path
 
 import numpy as np
 import pytest
 import scipy.fft
 
+from seeded import SEED, rng, where
 import nvrtc_check
 from device_memory import guarded_call
 from ondrel.device_memory import DeviceArray
 from spectral_ref import mel_reference, triangles
-import ondrel
 from ondrel import _codegen, _rocm
 
-SEED = int(os.environ.get("ONDREL_TEST_SEED", np.random.SeedSequence().entropy % 2**32))
 TOLERANCE = {1: 1e-4, 2: 1e-10}
-
-
-def rng(*key: int) -> np.random.Generator:
-    return np.random.default_rng([SEED, *key])
-
-
-def where(what: str) -> str:
-    return f"{what}, seed {SEED} (ONDREL_TEST_SEED replays it)"
 
 
 def lifter_of(n_out: int, lifter: float) -> np.ndarray:
@@ -326,7 +314,9 @@ def test_errors_come_before_any_device_work(errors_before_device_work):
     ]
 
 
-TEXT_CASES = [(512, 40, 13, -1.0, 1), (512, 128, 20, 40.0, 2), (400, 40, 1, -1.0, 2), (1024, 128, 13, -1.0, 2)]
+# The last two are the adjoint tests' shape, with and without the floor.
+TEXT_CASES = [(512, 40, 13, -1.0, 1), (512, 128, 20, 40.0, 2), (400, 40, 1, -1.0, 2), (1024, 128, 13, -1.0, 2),
+              (64, 20, 12, 30.0, 2), (64, 20, 12, -1.0, 1)]
 
 
 @pytest.mark.skipif(not nvrtc_check.available(), reason="NVRTC or the CUDA headers are missing")
@@ -335,18 +325,14 @@ def test_kernel_texts_compile_for_sm90(n, n_in, n_out, top_db, prec):
     texts = _codegen.cepstra_kernel_texts(n, n // 4, True, n_in, n_out, 22.0, top_db, 1e-10, "hann", prec, 2, 4 * n)
     texts += _codegen.inverse_mel_kernel_texts(n_in, n // 2 + 1, prec, top_db >= 0, False)
     texts += _codegen.inverse_mel_kernel_texts(n_in, n // 2 + 1, prec, top_db >= 0, True)
+    texts += _codegen.cepstra_adjoint_kernel_texts(n_in, n_out, top_db, prec)
     for key, text in texts:
         errors = nvrtc_check.compile_errors(text, re.sub(r"\W", "_", key) + ".cu")
         assert errors is None, f"{key}:\n{errors}"
 
 
-@pytest.mark.skipif(ondrel.runtime != "cpu", reason="the smoke mode runs on the CPU runtime")
-def test_bench_smoke(tmp_path):
-    bench = Path(__file__).resolve().parents[1] / "bench" / "gpu" / "cepstra_bench.py"
-    done = subprocess.run([sys.executable, str(bench), "--smoke", "--out", str(tmp_path)], capture_output=True,
-                          text=True, timeout=300)
-    assert done.returncode == 0, done.stderr
-    cases = json.loads((tmp_path / "bench.json").read_text())["cases"]
+def test_bench_smoke(bench_cases):
+    cases = bench_cases("cepstra_bench.py")
     assert len(cases) == 2 and all(c["err"] < 1e-4 and c["ms"] > 0 for c in cases), cases
 
 
@@ -438,12 +424,3 @@ def test_the_clipped_gradient_goes_to_the_first_maximum():
     first, other = to_signal(15), to_signal(195)
     assert np.linalg.norm(gx - first) <= 1e-9 * np.linalg.norm(first)
     assert np.linalg.norm(gx - other) > 1e-3 * np.linalg.norm(first)
-
-
-@pytest.mark.skipif(not nvrtc_check.available(), reason="NVRTC or the CUDA headers are missing")
-@pytest.mark.parametrize("prec", [1, 2])
-def test_adjoint_texts_compile_for_sm90(prec):
-    for top_db in (-1.0, 30.0):
-        for key, text in _codegen.cepstra_adjoint_kernel_texts(ADJ["n_in"], ADJ["n_out"], top_db, prec):
-            errors = nvrtc_check.compile_errors(text, key + ".cu")
-            assert errors is None, f"{key}:\n{errors}"

@@ -6,31 +6,22 @@ calling contract."""
 
 from __future__ import annotations
 
-import os
 from pathlib import Path
 
 import numpy as np
 import pytest
 
+from seeded import SEED, central_differences, rng, where
 import nvrtc_check
 from conftest import same_runtime_env
 from ondrel.device_memory import DeviceArray
 from spectral_ref import reference
 from ondrel import _codegen, _rocm
 
-SEED = int(os.environ.get("ONDREL_TEST_SEED", np.random.SeedSequence().entropy % 2**32))
 TOLERANCE = {0: 3e-3, 1: 1e-5, 2: 1e-12}
 DTYPE = {0: np.float16, 1: np.float32, 2: np.float64, 3: np.float16}
 AMIN = 1e-10
 K = 10 / np.log(10)
-
-
-def rng(*key: int) -> np.random.Generator:
-    return np.random.default_rng([SEED, *key])
-
-
-def where(what: str) -> str:
-    return f"{what}, seed {SEED} (ONDREL_TEST_SEED replays it)"
 
 
 def contrast(m, bt, bq, amin=AMIN, linear=True) -> np.ndarray:
@@ -174,16 +165,6 @@ def test_histogram_forced_by_the_shared_limit_agrees_with_the_sort(run_python, t
         assert np.allclose(got[b], want, rtol=1e-5, atol=1e-7), where(f"q {q}")
 
 
-def central_differences(f, x: np.ndarray, indices, h: float = 1e-7) -> np.ndarray:
-    grad = np.zeros(len(indices))
-    for j, i in enumerate(indices):
-        up, down = x.copy(), x.copy()
-        up[i] += h
-        down[i] -= h
-        grad[j] = (f(up) - f(down)) / (2 * h)
-    return grad
-
-
 def distinct(n: int, *key: int) -> np.ndarray:
     """Values at least 0.5 / n of their range apart: no ties within any
     difference step, and distinct in single precision."""
@@ -204,7 +185,7 @@ def test_adjoint_matches_central_differences(selection, prec, linear):
     got = adjoint(m, gy, bt, bq, prec, linear)
     picks = np.unique(np.concatenate([np.arange(40), rng(72).integers(40, n, 60), [n - 1]]))
     for r in range(2):
-        ref = central_differences(lambda row: contrast(row, bt, bq, linear=linear) @ gy[r], m[r], picks)
+        ref = central_differences(lambda row: contrast(row, bt, bq, linear=linear) @ gy[r], m[r], 1e-7, picks)
         scale = np.abs(ref).max()
         assert np.abs(got[r, picks] - ref).max() <= {2: 1e-6, 1: 1e-4}[prec] * scale, where(f"row {r}")
     assert (got[:, bt[-1]:] == 0).all()

@@ -2,26 +2,21 @@
 
 from __future__ import annotations
 
-import os
 
 import numpy as np
 import pytest
 
+from seeded import SEED, rng
 from device_memory import guarded_call
 from ondrel.device_memory import DeviceArray
 from filter_cases import CONV_FORMS, M, N, NF, NF_BLUESTEIN, NF_CIRCULAR, ROWS, windows
 from ondrel import _rocm
 
-SEED = int(os.environ.get("ONDREL_TEST_SEED", np.random.SeedSequence().entropy % 2**32))
 TOLERANCE = {0: 3e-3, 1: 1e-5, 2: 1e-12}
 REAL = {0: np.float16, 1: np.float32, 2: np.float64}
 COMPLEX = {1: np.complex64, 2: np.complex128}
 STAGED = {"fft": _rocm.conv_fft_staged, "cplx": _rocm.conv_cplx_staged}
 RESIDENT = {"fft": _rocm.conv_fft_resident, "cplx": _rocm.conv_cplx_resident}
-
-
-def rng(*key: int) -> np.random.Generator:
-    return np.random.default_rng([SEED, *key])
 
 
 def signals(form: str, prec: int, rows: int, n: int, key: int) -> np.ndarray:

@@ -4,16 +4,15 @@ for the signal and the kernel gradient, per row and summed over rows."""
 
 from __future__ import annotations
 
-import os
 
 import numpy as np
 import pytest
 
+from seeded import SEED
 from ondrel.device_memory import DeviceArray
 from filter_cases import ADJOINT_FORMS, ADJOINT_NF, NF, ROWS
 from ondrel import _rocm
 
-SEED = int(os.environ.get("ONDREL_TEST_SEED", np.random.SeedSequence().entropy % 2**32))
 TOLERANCE = {0: 3e-3, 1: 1e-5, 2: 1e-12}
 N, M = 30, 7
 

@@ -5,15 +5,12 @@ order; every output form; half data; tables known by content; errors."""
 
 from __future__ import annotations
 
-import json
 import os
-import subprocess
-import sys
-from pathlib import Path
 
 import numpy as np
 import pytest
 
+from seeded import SEED, rng
 import nvrtc_check
 from conftest import same_runtime_env
 from device_memory import guarded_call
@@ -21,13 +18,8 @@ from spectral_ref import cqt_reference
 import ondrel
 from ondrel import _codegen, _rocm
 
-SEED = int(os.environ.get("ONDREL_TEST_SEED", np.random.SeedSequence().entropy % 2**32))
 TOLERANCE = {0: 3e-3, 1: 1e-5, 2: 1e-12}
 OUTPUTS = ["complex", "magnitude", "power", "db", "spectrum"]
-
-
-def rng(*key: int) -> np.random.Generator:
-    return np.random.default_rng([SEED, *key])
 
 
 def random_taps(*key: int) -> np.ndarray:
@@ -319,12 +311,7 @@ def test_kernel_texts_compile_for_sm90(prec):
         assert errors is None, f"{key}:\n{errors}"
 
 
-@pytest.mark.skipif(ondrel.runtime != "cpu", reason="the smoke mode runs on the CPU runtime")
-def test_bench_smoke(tmp_path):
-    bench = Path(__file__).resolve().parents[1] / "bench" / "gpu" / "cqt_bench.py"
-    done = subprocess.run([sys.executable, str(bench), "--smoke", "--out", str(tmp_path)], capture_output=True,
-                          text=True, timeout=300)
-    assert done.returncode == 0, done.stderr
-    cases = json.loads((tmp_path / "bench.json").read_text())["cases"]
+def test_bench_smoke(bench_cases):
+    cases = bench_cases("cqt_bench.py")
     assert len(cases) == 1 and cases[0]["err"] < 1e-5 and cases[0]["ms"] > 0, cases
     assert "fused" in cases[0]["case"]

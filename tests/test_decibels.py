@@ -5,16 +5,15 @@ below amin), checked by its formula and by finite differences."""
 
 from __future__ import annotations
 
-import os
 
 import numpy as np
 import pytest
 
+from seeded import SEED
 import nvrtc_check
 from ondrel.device_memory import DeviceArray
 from ondrel import _codegen, _rocm
 
-SEED = int(os.environ.get("ONDREL_TEST_SEED", np.random.SeedSequence().entropy % 2**32))
 LN10 = np.log(10.0)
 
 

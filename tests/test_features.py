@@ -3,21 +3,16 @@ against central differences, and the calling contract of their bindings."""
 
 from __future__ import annotations
 
-import os
 
 import numpy as np
 import pytest
 
+from seeded import SEED, central_differences, rng
 from ondrel.device_memory import DeviceArray
 from ondrel import _rocm
 
-SEED = int(os.environ.get("ONDREL_TEST_SEED", np.random.SeedSequence().entropy % 2**32))
 TOLERANCE = {0: 2e-3, 1: 1e-6, 2: 1e-13}
 DTYPE = {0: np.float16, 1: np.float32, 2: np.float64}
-
-
-def rng(*key: int) -> np.random.Generator:
-    return np.random.default_rng([SEED, *key])
 
 
 def check(y: np.ndarray, ref: np.ndarray, tolerance: float, what: str) -> None:
@@ -73,16 +68,6 @@ def tonnetz_reference(c: np.ndarray) -> np.ndarray:
     total = c.sum(axis=-1, keepdims=True)
     value = c @ tonnetz_basis().T
     return np.where(total > 0, value / np.where(total > 0, total, 1.0), 0.0)
-
-
-def central_differences(f, x: np.ndarray, h: float = 1e-6) -> np.ndarray:
-    grad = np.zeros_like(x)
-    for i in np.ndindex(x.shape):
-        up, down = x.copy(), x.copy()
-        up[i] += h
-        down[i] -= h
-        grad[i] = (f(up) - f(down)) / (2 * h)
-    return grad
 
 
 # RMS. Cases: (length, frame_length, hop, center, extra frames past the
@@ -155,15 +140,6 @@ def test_rms_adjoint_batches_past_the_grid_rows():
     check(gx, gy * x / (2 * y), 1e-13, "65537 signals")
 
 
-@pytest.mark.parametrize("prec", [0, 3])
-def test_rms_half_data(prec):
-    x = rng(7).standard_normal((2, 50)).astype(np.float16)
-    frames = rms_frames(50, 12, 5, True)
-    y = resident(lambda dx, dy: _rocm.rms_resident(dx, dy, 2, 50, frames, 12, 5, True, prec, 0, 0), [x], (2, frames),
-                 np.float16)
-    check(y.astype(np.float64), rms_reference(x, 12, 5, True), TOLERANCE[0], f"half, prec {prec}")
-
-
 # Onset strength.
 
 @pytest.mark.parametrize("prec", [1, 2, 7])
@@ -178,13 +154,6 @@ def test_onset_strength_matches_rises(batch, bins, frames, prec):
     y = resident(lambda dm, dy: _rocm.onset_strength_resident(dm, dy, batch, frames, bins, prec, 0, 0), [m],
                  (batch, frames), dtype)
     check(y, onset_reference(s), tol, what + ", resident")
-
-
-def test_onset_strength_half_data():
-    s = rng(3).random((2, 40, 7)).astype(np.float16)
-    m = np.ascontiguousarray(s.transpose(0, 2, 1))
-    y = resident(lambda dm, dy: _rocm.onset_strength_resident(dm, dy, 2, 7, 40, 0, 0, 0), [m], (2, 7), np.float16)
-    check(y.astype(np.float64), onset_reference(s), TOLERANCE[0], "half")
 
 
 @pytest.mark.parametrize("batch, bins, frames", [(2, 5, 6), (1, 3, 2), (2, 260, 3)])
@@ -236,12 +205,6 @@ def test_tonnetz_of_single_classes_and_empty_rows():
     assert not gc[12:].any()
 
 
-def test_tonnetz_half_data():
-    rows = rng(5).random((9, 12)).astype(np.float16)
-    y = resident(lambda dc, dy: _rocm.tonnetz_resident(dc, dy, 9, 0, 0, 0), [rows], (9, 6), np.float16)
-    check(y.astype(np.float64), tonnetz_reference(rows), TOLERANCE[0], "half")
-
-
 @pytest.mark.parametrize("rows", [3, 300])
 def test_tonnetz_adjoint_matches_differences(rows):
     r = rng(rows, 3)
@@ -252,6 +215,27 @@ def test_tonnetz_adjoint_matches_differences(rows):
     some = np.unique([0, 1, rows - 1])  # rows are independent; the last one lies in the last block
     fd = central_differences(lambda v: np.sum(gy[some] * tonnetz_reference(v)), c[some])
     check(gc[some], fd, 1e-7, f"adjoint, {rows} rows")
+
+
+HALF_CASES = {  # (inputs, call with prec, output shape, reference); codes 0 and 3 both carry half data
+    "rms": (lambda: [rng(7).standard_normal((2, 50)).astype(np.float16)],
+            lambda prec: lambda dx, dy: _rocm.rms_resident(dx, dy, 2, 50, 11, 12, 5, True, prec, 0, 0), (2, 11),
+            lambda x: rms_reference(x, 12, 5, True)),
+    "onset": (lambda: [np.ascontiguousarray(rng(3).random((2, 40, 7)).astype(np.float16).transpose(0, 2, 1))],
+              lambda prec: lambda dm, dy: _rocm.onset_strength_resident(dm, dy, 2, 7, 40, prec, 0, 0), (2, 7),
+              lambda m: onset_reference(m.transpose(0, 2, 1))),
+    "tonnetz": (lambda: [rng(5).random((9, 12)).astype(np.float16)],
+                lambda prec: lambda dc, dy: _rocm.tonnetz_resident(dc, dy, 9, prec, 0, 0), (9, 6), tonnetz_reference),
+}
+
+
+@pytest.mark.parametrize("prec", [0, 3])
+@pytest.mark.parametrize("op", HALF_CASES)
+def test_half_data(op, prec):
+    inputs, call, shape, reference = HALF_CASES[op]
+    x = inputs()
+    y = resident(call(prec), x, shape, np.float16)
+    check(y.astype(np.float64), reference(*x), TOLERANCE[0], f"{op} in half, prec {prec}")
 
 
 def adjoint_rms(prec: int, x, y, gy):

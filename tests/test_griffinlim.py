@@ -4,19 +4,14 @@ the resident form's last phases, and its errors."""
 
 from __future__ import annotations
 
-import json
 import os
 import re
-import subprocess
-import sys
-from pathlib import Path
 
 import numpy as np
 import pytest
 
 from ondrel.device_memory import DeviceArray
 from spectral_ref import inverse_reference, reference
-import ondrel
 from ondrel import _rocm
 
 SEED = int(os.environ.get("ONDREL_TEST_SEED", np.random.SeedSequence().entropy % 2**32))
@@ -118,11 +113,6 @@ def test_errors():
         _rocm.griffinlim_resident(0, 0, 0, 1, 0, 33, 64, 16, False, 2, 0.99, -1, "hann", 1)
 
 
-@pytest.mark.skipif(ondrel.runtime != "cpu", reason="the smoke mode runs on the CPU runtime")
-def test_bench_smoke(tmp_path):
-    bench = Path(__file__).resolve().parents[1] / "bench" / "gpu" / "griffinlim_bench.py"
-    done = subprocess.run([sys.executable, str(bench), "--smoke", "--out", str(tmp_path)], capture_output=True,
-                          text=True, timeout=300)
-    assert done.returncode == 0, done.stderr
-    cases = json.loads((tmp_path / "bench.json").read_text())["cases"]
+def test_bench_smoke(bench_cases):
+    cases = bench_cases("griffinlim_bench.py")
     assert len(cases) == 1 and cases[0]["err"] < 1e-4 and cases[0]["ms"] > 0, cases

@@ -8,9 +8,6 @@ flat over repeated solves; errors in order; kernel texts for sm_90."""
 from __future__ import annotations
 
 import ctypes
-import json
-import subprocess
-import sys
 from pathlib import Path
 
 import numpy as np
@@ -413,13 +410,8 @@ def test_kernel_texts_compile_for_sm90(prec):
         assert errors is None, f"{key}:\n{errors}"
 
 
-@pytest.mark.skipif(ondrel.runtime != "cpu", reason="the smoke mode runs on the CPU runtime")
-def test_bench_smoke(tmp_path):
-    bench = Path(__file__).resolve().parents[1] / "bench" / "gpu" / "icqt_bench.py"
-    done = subprocess.run([sys.executable, str(bench), "--smoke", "--out", str(tmp_path)], capture_output=True,
-                          text=True, timeout=300)
-    assert done.returncode == 0, done.stderr
-    cases = json.loads((tmp_path / "bench.json").read_text())["cases"]
+def test_bench_smoke(bench_cases):
+    cases = bench_cases("icqt_bench.py")
     names = [c["case"].split()[0] for c in cases]
     assert names == ["chroma_staged", "icqt_direct_staged", "icqt_cg_staged"], cases
     assert all(c["ms"] > 0 for c in cases) and cases[0]["err"] < 1e-5, cases

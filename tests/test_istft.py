@@ -3,18 +3,13 @@ with strided spectra, half data, the deterministic form and every error."""
 
 from __future__ import annotations
 
-import json
 import os
-import subprocess
-import sys
-from pathlib import Path
 
 import numpy as np
 import pytest
 
 import nvrtc_check
 from ondrel.device_memory import DeviceArray
-import ondrel
 from ondrel import _codegen, _rocm
 from spectral_ref import envelope, inverse_reference
 
@@ -217,11 +212,6 @@ def test_kernel_texts_compile_for_sm90(n, prec, window):
         assert errors is None, f"{key}:\n{errors}"
 
 
-@pytest.mark.skipif(ondrel.runtime != "cpu", reason="the smoke mode runs on the CPU runtime")
-def test_bench_smoke(tmp_path):
-    bench = Path(__file__).resolve().parents[1] / "bench" / "gpu" / "istft_bench.py"
-    done = subprocess.run([sys.executable, str(bench), "--smoke", "--out", str(tmp_path)], capture_output=True,
-                          text=True, timeout=300)
-    assert done.returncode == 0, done.stderr
-    cases = json.loads((tmp_path / "bench.json").read_text())["cases"]
+def test_bench_smoke(bench_cases):
+    cases = bench_cases("istft_bench.py")
     assert len(cases) == 4 and all(c["err"] < 1e-5 and c["ms"] > 0 for c in cases), cases

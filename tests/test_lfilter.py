@@ -2,18 +2,17 @@
 
 from __future__ import annotations
 
-import os
 
 import numpy as np
 import pytest
 import scipy.signal
 
+from seeded import SEED
 from device_memory import guarded_call
 from ondrel.device_memory import DeviceArray
 from filter_cases import ORDERS, THREADS, pack, stable_filter
 from ondrel import _rocm
 
-SEED = int(os.environ.get("ONDREL_TEST_SEED", np.random.SeedSequence().entropy % 2**32))
 TOLERANCE = {1: 1e-4, 2: 1e-10}
 REAL = {1: np.float32, 2: np.float64}
 # Below one run of 16 samples, not a multiple of the 4096-sample tile, and

@@ -5,30 +5,22 @@ routes agreeing; the filterbank's identity; half data; knobs; errors."""
 
 from __future__ import annotations
 
-import json
 import os
-import subprocess
-import sys
 from pathlib import Path
 
 import numpy as np
 import pytest
 
+from seeded import SEED, rng
 import nvrtc_check
 from conftest import same_runtime_env
 from device_memory import guarded_call
 from spectral_ref import mel_reference, triangles
-import ondrel
 from ondrel import _codegen, _rocm
 
-SEED = int(os.environ.get("ONDREL_TEST_SEED", np.random.SeedSequence().entropy % 2**32))
 TOLERANCE = {0: 3e-3, 1: 1e-5, 2: 1e-12, 3: 2e-2}
 # Each power with another output word, so that every form meets every route.
 FORMS = [(1.0, "power"), (1.5, "magnitude"), (2.0, "db"), (3.0, "complex")]
-
-
-def rng(*key: int) -> np.random.Generator:
-    return np.random.default_rng([SEED, *key])
 
 
 def sparse_bank(n_mels: int, n: int, *key: int) -> np.ndarray:
@@ -296,11 +288,6 @@ def test_kernel_texts_compile_for_sm90(n, prec, output, power):
         assert errors is None, f"{key}:\n{errors}"
 
 
-@pytest.mark.skipif(ondrel.runtime != "cpu", reason="the smoke mode runs on the CPU runtime")
-def test_bench_smoke(tmp_path):
-    bench = Path(__file__).resolve().parents[1] / "bench" / "gpu" / "mel_bench.py"
-    done = subprocess.run([sys.executable, str(bench), "--smoke", "--out", str(tmp_path)], capture_output=True,
-                          text=True, timeout=300)
-    assert done.returncode == 0, done.stderr
-    cases = json.loads((tmp_path / "bench.json").read_text())["cases"]
+def test_bench_smoke(bench_cases):
+    cases = bench_cases("mel_bench.py")
     assert len(cases) == 2 and all(c["err"] < 1e-5 and c["ms"] > 0 for c in cases), cases

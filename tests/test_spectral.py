@@ -7,34 +7,22 @@ calling contract."""
 from __future__ import annotations
 
 import json
-import os
-import subprocess
-import sys
 from pathlib import Path
 
 import numpy as np
 import pytest
 
+from seeded import central_differences, rng, where
 import nvrtc_check
 from conftest import same_runtime_env
 from ondrel.device_memory import DeviceArray
 from spectral_ref import reference
-import ondrel
 from ondrel import _codegen, _rocm
 
-SEED = int(os.environ.get("ONDREL_TEST_SEED", np.random.SeedSequence().entropy % 2**32))
 TOLERANCE = {0: 3e-3, 1: 1e-5, 2: 1e-12}
 DTYPE = {0: np.float16, 1: np.float32, 2: np.float64, 3: np.float16}
 EPS = 1e-10
 FSTEP = 10.7666015625  # 22050 / 2048: bins in Hz
-
-
-def rng(*key: int) -> np.random.Generator:
-    return np.random.default_rng([SEED, *key])
-
-
-def where(what: str) -> str:
-    return f"{what}, seed {SEED} (ONDREL_TEST_SEED replays it)"
 
 
 def statistic(m: np.ndarray, stat: int, fstep: float = FSTEP, p: float = 2.0, amin: float = EPS,
@@ -206,16 +194,6 @@ print(json.dumps(_rocm.spectral_staged(y, "hann", 2048, 512, True, 0, 1.0, 2.0, 
     check(np.array(json.loads(values)), mags, 0, 1, "limit 12000", fstep=1.0)
 
 
-def central_differences(f, x: np.ndarray, h: float = 1e-6) -> np.ndarray:
-    grad = np.zeros_like(x)
-    for i in np.ndindex(x.shape):
-        up, down = x.copy(), x.copy()
-        up[i] += h
-        down[i] -= h
-        grad[i] = (f(up) - f(down)) / (2 * h)
-    return grad
-
-
 def adjoint(m: np.ndarray, gy: np.ndarray, stat: int, prec: int, fstep=FSTEP, p=2.0, amin=EPS) -> np.ndarray:
     rows, n = m.shape
     dm, dg = DeviceArray(m.astype(DTYPE[prec])), DeviceArray(gy.astype(DTYPE[prec]))
@@ -263,17 +241,6 @@ def test_adjoint_rules_where_no_derivative_exists():
     keep = np.ones(n, bool)
     keep[::5] = False
     assert np.allclose(got[0, keep], ref[keep], rtol=1e-6, atol=1e-9), where("flatness under amin")
-
-
-@pytest.mark.parametrize("stat, prec, text", [
-    (3, 2, "spectral: rolloff (stat 3) is a step function of the magnitudes and has no gradient"),
-    (0, 0, "spectral: half gradients compute in f32 - upcast the tensors"),
-    (3, 0, "spectral: half gradients compute in f32 - upcast the tensors"),
-])
-def test_adjoint_refusals(stat, prec, text):
-    with pytest.raises(ValueError) as e:
-        _rocm.spectral_adjoint_resident(0, 0, 0, 4, 10, stat, 1.0, 2.0, EPS, prec)
-    assert str(e.value) == text
 
 
 def test_rows_beyond_one_grid():
@@ -382,11 +349,6 @@ def test_kernel_texts_compile_for_sm90():
     assert len(keys) == len(set(keys)) == 4 * 3 + 3 * 2 + 4 * 5
 
 
-@pytest.mark.skipif(ondrel.runtime != "cpu", reason="the smoke mode runs on the CPU runtime")
-def test_bench_smoke(tmp_path):
-    bench = Path(__file__).resolve().parents[1] / "bench" / "gpu" / "features_spectral_bench.py"
-    done = subprocess.run([sys.executable, str(bench), "--smoke", "--out", str(tmp_path)], capture_output=True,
-                          text=True, timeout=300)
-    assert done.returncode == 0, done.stderr
-    cases = json.loads((tmp_path / "bench.json").read_text())["cases"]
+def test_bench_smoke(bench_cases):
+    cases = bench_cases("features_spectral_bench.py")
     assert len(cases) == 4 and all(c["err"] < 1e-4 and c["ms"] > 0 for c in cases), cases

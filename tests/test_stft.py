@@ -3,11 +3,7 @@ path, every window, the edges of framing, half data, tuned knobs, errors."""
 
 from __future__ import annotations
 
-import json
 import os
-import subprocess
-import sys
-from pathlib import Path
 
 import numpy as np
 import pytest
@@ -15,7 +11,6 @@ import pytest
 import nvrtc_check
 from device_memory import guarded_call
 from spectral_ref import reference
-import ondrel
 from ondrel import _codegen, _rocm
 
 SEED = int(os.environ.get("ONDREL_TEST_SEED", np.random.SeedSequence().entropy % 2**32))
@@ -272,11 +267,6 @@ def test_kernel_texts_compile_for_sm90(n, prec, output):
         assert errors is None, f"{key}:\n{errors}"
 
 
-@pytest.mark.skipif(ondrel.runtime != "cpu", reason="the smoke mode runs on the CPU runtime")
-def test_bench_smoke(tmp_path):
-    bench = Path(__file__).resolve().parents[1] / "bench" / "gpu" / "stft_bench.py"
-    done = subprocess.run([sys.executable, str(bench), "--smoke", "--out", str(tmp_path)], capture_output=True,
-                          text=True, timeout=300)
-    assert done.returncode == 0, done.stderr
-    cases = json.loads((tmp_path / "bench.json").read_text())["cases"]
+def test_bench_smoke(bench_cases):
+    cases = bench_cases("stft_bench.py")
     assert len(cases) == 6 and all(c["err"] < 1e-5 and c["ms"] > 0 for c in cases), cases

@@ -12,20 +12,19 @@ the designed kind of result and write every element of its output block.
 from __future__ import annotations
 
 import ast
-import os
 from functools import cache
 from pathlib import Path
 
 import numpy as np
 import pytest
 
+from seeded import SEED, rng
 import nvrtc_check
 import ondrel
 from ondrel.device_memory import DeviceArray
 from filter_cases import pack
 from ondrel import _codegen, _rocm
 
-SEED = int(os.environ.get("ONDREL_TEST_SEED", np.random.SeedSequence().entropy % 2**32))
 REPLAY = f"seed {SEED} (ONDREL_TEST_SEED replays it)"
 
 TABLE = """
@@ -252,10 +251,6 @@ def call(name: str, *values):
     if positional:
         return fn(*values)
     return fn(**{a[0]: v for a, v in zip(args, values)})
-
-
-def rng(*key: int) -> np.random.Generator:
-    return np.random.default_rng([SEED, *key])
 
 
 def data(shape: tuple, dtype=np.float32, low: float = -1.0) -> np.ndarray:

@@ -14,7 +14,6 @@ import pytest
 
 import nvrtc_check
 import tune_cases as tc
-from device_memory import DeviceArray
 from ondrel import _rocm
 
 hooks = _rocm._test_hooks
@@ -48,7 +47,7 @@ CASES = {
     "istft": lambda r: tc.istft_case(r),
     "fft": lambda r: tc.fft_case(r),
     "fft_half": lambda r: tc.fft_case(r, n=32, prec=0),
-    "fft_double_1000": lambda r: tc.fft_case(r, n=1000, prec=2, batch=1),
+    "fft_double_mixed": lambda r: tc.fft_case(r, n=200, prec=2, batch=1),
     "rfft": lambda r: tc.rfft_case(r, n=24),
     "cqt": lambda r: tc.cqt_case(r),
 }
@@ -245,14 +244,6 @@ def test_the_hook_takes_callables_or_none():
     from ondrel import _progress
 
     _progress.install()
-
-
-def test_the_zero_record_is_the_default_route(rng, heard):
-    # Verification compares against the default: its own time is always
-    # there, the first the hook hears.
-    got = tc.istft_case(rng)(**FAST)
-    assert heard[0][3] == (0, 0, 0, 0, 0) and isinstance(heard[0][4], float)
-    assert got["ms"] <= heard[0][4]
 
 
 TEXTS = r"""
