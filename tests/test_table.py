@@ -1,6 +1,6 @@
 """The module against its table of functions.
 
-TABLE is the exported interface written from the design, one function a
+TABLE is the exported interface as it must stand, one function a
 line in Python's own signature syntax: names, argument kinds, defaults and
 result. The tests read the module three ways against it: the signature line
 pybind11 writes at the head of every docstring, the type stub through `ast`,

@@ -45,7 +45,7 @@ TEST(TuneCandidates, PowerOfTwoSpectra) {
                                 {0, 0, 0, 0, 48}}));
 }
 
-// The design's list for a power of two without Rader scratch, written out.
+// The list for a power of two without Rader scratch, written out by hand.
 std::vector<Words> pow2_fft_list(std::vector<uint32_t> epts, bool half) {
   std::vector<Words> list{{0, 0, 0, 0, 0},   {0, 2, 0, 1, 0},   {0, 0, 64, 1, 0},  {0, 2, 64, 1, 0},
                           {0, 0, 128, 1, 0}, {0, 2, 128, 1, 0}, {0, 0, 256, 1, 0}, {0, 2, 256, 1, 0},
