@@ -29,6 +29,16 @@ std::string& watched_key() {
 
 }  // namespace
 
+KernelPlan flat_plan(std::string key, std::string entry, codegen::KernelParams params,
+                     std::function<std::string()> text, uint64_t shared_bytes) {
+  return {.key = std::move(key),
+          .entry = std::move(entry),
+          .threads = 256,
+          .shared_bytes = shared_bytes,
+          .params = std::move(params),
+          .text = std::move(text)};
+}
+
 LaunchRecord compiled(const KernelPlan& plan, int device) {
   // A text whose head lists other parameters than the plan would take the
   // launch's arguments in the wrong places: refused before it can run.

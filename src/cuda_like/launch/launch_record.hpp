@@ -49,6 +49,11 @@ struct LaunchRecord {
   }
 };
 
+// A plan of 256-thread blocks, the shape of the element-wise and row
+// kernels that take their work from the grid alone.
+KernelPlan flat_plan(std::string key, std::string entry, codegen::KernelParams params,
+                     std::function<std::string()> text, uint64_t shared_bytes = 0);
+
 // The compiled kernel of a plan on `device` (current): a cache hit or the
 // plan's text compiled.
 LaunchRecord compiled(const KernelPlan& plan, int device);

@@ -21,17 +21,6 @@ constexpr int kMemoryDevice = 2;  // hipMemoryTypeDevice
 
 int digit(bool is_double) { return is_double ? kDoubleCode : kSingleCode; }
 
-KernelPlan element_plan(std::string key, std::string entry, codegen::KernelParams params,
-                        std::function<std::string()> text) {
-  KernelPlan plan;
-  plan.key = std::move(key);
-  plan.entry = std::move(entry);
-  plan.threads = kBlock;
-  plan.params = std::move(params);
-  plan.text = std::move(text);
-  return plan;
-}
-
 // out[r][j] = j < n ? x[r][j] : 0 for j below plen.
 void pad(const LaunchRecord& rec, const void* x, void* out, int64_t n, int64_t plen, int64_t rows, void* stream) {
   KernelArgs args = rec.args();
@@ -116,18 +105,18 @@ void conv_cplx(const void* a, const void* b, void* y, const ConvCall& call, bool
 }
 
 KernelPlan convpad_plan(int compute, int storage) {
-  return element_plan("conv_pad_" + std::to_string(compute) + "_" + std::to_string(storage), "ondrel_convpad",
+  return flat_plan("conv_pad_" + std::to_string(compute) + "_" + std::to_string(storage), "ondrel_convpad",
                       codegen::convpad_params(),
                       [=] { return codegen::convpad_kernel(compute, storage, codegen::hip_backend()); });
 }
 
 KernelPlan convmul_plan(int prec) {
-  return element_plan("conv_mul_" + std::to_string(prec), "ondrel_convmul", codegen::convmul_params(),
+  return flat_plan("conv_mul_" + std::to_string(prec), "ondrel_convmul", codegen::convmul_params(),
                       [=] { return codegen::convmul_kernel(prec, codegen::hip_backend()); });
 }
 
 KernelPlan convslice_plan(int compute, int storage) {
-  return element_plan("conv_slice_" + std::to_string(compute) + "_" + std::to_string(storage), "ondrel_convslice",
+  return flat_plan("conv_slice_" + std::to_string(compute) + "_" + std::to_string(storage), "ondrel_convslice",
                       codegen::convslice_params(),
                       [=] { return codegen::convslice_kernel(compute, storage, codegen::hip_backend()); });
 }

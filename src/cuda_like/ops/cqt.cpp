@@ -21,17 +21,6 @@ hip_dl::hipStream_t stream_of(const CqtCall& c) { return static_cast<hip_dl::hip
 
 int compute_digit(const CqtCall& c) { return c.prec.is_double() ? kDoubleCode : kSingleCode; }
 
-KernelPlan flat_plan(std::string key, const char* entry, codegen::KernelParams params,
-                     std::function<std::string()> text) {
-  KernelPlan k;
-  k.key = std::move(key);
-  k.entry = entry;
-  k.threads = kBlock;
-  k.params = std::move(params);
-  k.text = std::move(text);
-  return k;
-}
-
 KernelPlan pad_plan(int compute, int in_prec) {
   return flat_plan(codegen::cqtpad_key(compute, in_prec), "ondrel_cqtpad", codegen::cqtpad_params(compute, in_prec),
                    [=] { return codegen::cqtpad_kernel(compute, in_prec, codegen::hip_backend()); });

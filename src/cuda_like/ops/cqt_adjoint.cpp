@@ -15,16 +15,6 @@ namespace {
 
 hip_dl::hipStream_t stream_of(const CqtCall& c) { return static_cast<hip_dl::hipStream_t>(c.stream); }
 
-KernelPlan flat(std::string key, const char* entry, codegen::KernelParams params, std::function<std::string()> text) {
-  KernelPlan k;
-  k.key = std::move(key);
-  k.entry = entry;
-  k.threads = 256;
-  k.params = std::move(params);
-  k.text = std::move(text);
-  return k;
-}
-
 // The four kernels of the adjoint, fetched once per call.
 struct AdjointKernels {
   LaunchRecord gc, radj, hbadj, addsl;
@@ -32,13 +22,13 @@ struct AdjointKernels {
 
 std::vector<KernelPlan> own_plans(const codegen::CqtForm& f) {
   const int d = f.prec;
-  return {flat(codegen::cqtgc_key(f), "ondrel_cqtgc", codegen::cqtgc_params(f),
+  return {flat_plan(codegen::cqtgc_key(f), "ondrel_cqtgc", codegen::cqtgc_params(f),
                [f] { return codegen::cqtgc_kernel(f, codegen::hip_backend()); }),
-          flat(codegen::cqtradj_key(d), "ondrel_cqtradj", codegen::cqtradj_params(),
+          flat_plan(codegen::cqtradj_key(d), "ondrel_cqtradj", codegen::cqtradj_params(),
                [d] { return codegen::cqtradj_kernel(d, codegen::hip_backend()); }),
-          flat(codegen::hbadj_key(d), "ondrel_hbadj", codegen::hbadj_params(),
+          flat_plan(codegen::hbadj_key(d), "ondrel_hbadj", codegen::hbadj_params(),
                [d] { return codegen::hbadj_kernel(d, codegen::hip_backend()); }),
-          flat(codegen::cqtaddsl_key(d), "ondrel_cqtaddsl", codegen::cqtaddsl_params(),
+          flat_plan(codegen::cqtaddsl_key(d), "ondrel_cqtaddsl", codegen::cqtaddsl_params(),
                [d] { return codegen::cqtaddsl_kernel(d, codegen::hip_backend()); })};
 }
 

@@ -20,18 +20,6 @@ using hip_dl::hipStream_t;
 constexpr unsigned kFlagNonBlocking = 1;
 constexpr int kCaptureRelaxed = 2;
 
-KernelPlan flat(std::string key, const char* entry, codegen::KernelParams params, std::function<std::string()> text,
-                uint64_t shared_bytes = 0) {
-  KernelPlan k;
-  k.key = std::move(key);
-  k.entry = entry;
-  k.threads = 256;
-  k.shared_bytes = shared_bytes;
-  k.params = std::move(params);
-  k.text = std::move(text);
-  return k;
-}
-
 // The private stream of one solve. Its pool blocks are the caller's
 // stream's free blocks, lent for the solve: every use of the private stream
 // lies between two events on the caller's stream, and while they are lent
@@ -316,13 +304,13 @@ CgReport icqt_cg(const IcqtCg& s) {
 
 std::vector<KernelPlan> icqt_cg_kernels(int32_t prec, bool stop) {
   const int p = prec == 2 ? 2 : 1;
-  return {flat(codegen::vdot_key(p), "ondrel_vdot", codegen::vdot_params(),
+  return {flat_plan(codegen::vdot_key(p), "ondrel_vdot", codegen::vdot_params(),
                [p] { return codegen::vdot_kernel(p, codegen::hip_backend()); }, codegen::vdot_shared_bytes(p)),
-          flat(codegen::vaxpby_key(p), "ondrel_vaxpby", codegen::vaxpby_params(),
+          flat_plan(codegen::vaxpby_key(p), "ondrel_vaxpby", codegen::vaxpby_params(),
                [p] { return codegen::vaxpby_kernel(p, codegen::hip_backend()); }),
-          flat(codegen::cgalpha_key(p, stop), "ondrel_cgalpha", codegen::cgalpha_params(p, stop),
+          flat_plan(codegen::cgalpha_key(p, stop), "ondrel_cgalpha", codegen::cgalpha_params(p, stop),
                [p, stop] { return codegen::cgalpha_kernel(p, stop, codegen::hip_backend()); }),
-          flat(codegen::cgbeta_key(p, stop), "ondrel_cgbeta", codegen::cgbeta_params(p, stop),
+          flat_plan(codegen::cgbeta_key(p, stop), "ondrel_cgbeta", codegen::cgbeta_params(p, stop),
                [p, stop] { return codegen::cgbeta_kernel(p, stop, codegen::hip_backend()); })};
 }
 

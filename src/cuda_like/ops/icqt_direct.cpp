@@ -21,16 +21,6 @@ namespace {
 
 hip_dl::hipStream_t stream_of(const IcqtDirectCall& c) { return static_cast<hip_dl::hipStream_t>(c.stream); }
 
-KernelPlan flat(std::string key, const char* entry, codegen::KernelParams params, std::function<std::string()> text) {
-  KernelPlan k;
-  k.key = std::move(key);
-  k.entry = entry;
-  k.threads = 256;
-  k.params = std::move(params);
-  k.text = std::move(text);
-  return k;
-}
-
 void check_octave(const IcqtDirectCall& c, size_t o) {
   const IcqtOctave& t = c.plan->octaves[o];
   const std::string name = "octave " + std::to_string(o);
@@ -136,9 +126,9 @@ void icqt_direct(const IcqtDirect& d) {
 
 std::vector<KernelPlan> icqt_direct_kernels(int32_t prec) {
   const int p = prec == 2 ? 2 : 1;
-  return {flat(codegen::icqtdual_key(p), "ondrel_icqtdual", codegen::icqtdual_params(),
+  return {flat_plan(codegen::icqtdual_key(p), "ondrel_icqtdual", codegen::icqtdual_params(),
                [p] { return codegen::icqtdual_kernel(p, codegen::hip_backend()); }),
-          flat(codegen::icqtola_key(p), "ondrel_icqtola", codegen::icqtola_params(p),
+          flat_plan(codegen::icqtola_key(p), "ondrel_icqtola", codegen::icqtola_params(p),
                [p] { return codegen::icqtola_kernel(p, codegen::hip_backend()); })};
 }
 
